@@ -241,9 +241,9 @@ void emit(unit& u, const char* p, std::size_t n) {
 
 void beginformattedwrite(unit& u) {
   if (!u.connected())
-    fail("cannot write to unit " + std::to_string(u.number()) + ": it is not connected to a file");
+    u.failure("cannot write to unit " + std::to_string(u.number()) + ": it is not connected to a file");
   if (u.connectedform() != form::formatted)
-    fail("cannot write text to \"" + u.file() + "\" (unit " + std::to_string(u.number()) +
+    u.failure("cannot write text to \"" + u.file() + "\" (unit " + std::to_string(u.number()) +
          "): it is connected as " + formname(u.connectedform()));
   u.beginwrite();
   ++u.records;

@@ -154,9 +154,9 @@ rstat rawin::finish() {
 
 rawout::rawout(unit& u) : u_(u) {
   if (!u_.connected())
-    fail("cannot write to unit " + std::to_string(u_.number()) + ": it is not connected to a file");
+    u_.failure("cannot write to unit " + std::to_string(u_.number()) + ": it is not connected to a file");
   if (u_.connectedform() == form::formatted)
-    fail("cannot write unformatted data to \"" + u_.file() + "\" (unit " + std::to_string(u_.number()) +
+    u_.failure("cannot write unformatted data to \"" + u_.file() + "\" (unit " + std::to_string(u_.number()) +
          "): it is connected for formatted access");
   u_.beginwrite();
   ++u_.records;

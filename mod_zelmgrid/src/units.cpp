@@ -129,11 +129,72 @@ unit::unit(int number) : number_(number) {
   }
 }
 
-unit::~unit() { std::free(buf_); }
+unit::~unit() {
+  if (number_ < 0 && fd_ >= 0) {
+    try {
+      disconnect();
+    } catch (const ioerror&) {  // nothing to report to from a destructor
+    }
+  }
+  std::free(buf_);
+}
+
+void unit::failure(const std::string& message) const {
+  if (number_ < 0) throw ioerror(message);
+  fail(message);
+}
 
 void unit::oserror(const char* action, int err) const {
-  fail(std::string("cannot ") + action + " " + quoted(path_) + " (unit " + std::to_string(number_) +
-       ", " + formname(form_) + "): " + std::strerror(err));
+  const std::string where = number_ < 0 ? "" : "unit " + std::to_string(number_) + ", ";
+  failure(std::string("cannot ") + action + " " + quoted(path_) + " (" + where + formname(form_) + "): " +
+          std::strerror(err));
+}
+
+void unit::openfile(std::string_view file, form f, bool create) {
+  if (connected()) disconnect();
+  while (!file.empty() && file.back() == ' ') file.remove_suffix(1);
+  connect(std::string(file), f, create);
+}
+
+void unit::closefile() {
+  if (fd_ >= 0) disconnect();
+}
+
+void unit::connect(const std::string& name, form f, bool create) {
+  const std::string on = number_ < 0 ? "" : " on unit " + std::to_string(number_);
+  if (name.empty()) failure("cannot open a file with an empty name" + on);
+  struct stat sb {};
+  const bool exists = ::stat(name.c_str(), &sb) == 0;
+  if (!create && !exists) failure("cannot open " + quoted(name) + on + " (status \"old\"): " + std::strerror(ENOENT));
+  if (exists && S_ISDIR(sb.st_mode)) failure("cannot open " + quoted(name) + on + ": " + std::strerror(EISDIR));
+  int fd = calls.open(name.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
+  if (fd < 0 && !create && (errno == EACCES || errno == EROFS))
+    fd = calls.open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);  // readable only: enough for reading
+  if (fd < 0) failure("cannot open " + quoted(name) + on + ": " + std::strerror(errno));
+  if (tostdout_) {  // unit 6 leaves standard output for the file
+    tostdout_ = false;
+    std::free(buf_);
+    buf_ = nullptr;
+  }
+  struct stat fb {};
+  if (::fstat(fd, &fb) == 0) {
+    dev_ = fb.st_dev;
+    ino_ = fb.st_ino;
+  }
+  buf_ = static_cast<char*>(std::malloc(filebuffer));
+  if (buf_ == nullptr) {
+    calls.close(fd);
+    failure("cannot open " + quoted(name) + on + ": out of memory for its buffer");
+  }
+  cap_ = filebuffer;
+  fd_ = fd;
+  form_ = f;
+  path_ = name;
+  rpos_ = rend_ = wlen_ = 0;
+  bufstart_ = 0;
+  mode_ = mode::idle;
+  truncated_ = false;
+  records = lines = 0;
 }
 
 bool unit::refill(std::size_t n) {
@@ -338,40 +399,7 @@ void open(int number, std::string_view file, std::string_view formword, std::str
         fail("cannot open " + quoted(name) + " on " + unitname + ": the file is already connected to unit " +
              std::to_string(other->number_));
   }
-  if (st == "old" && !exists)
-    fail("cannot open " + quoted(name) + " on " + unitname + " (status \"old\"): " + std::strerror(ENOENT));
-  if (exists && S_ISDIR(sb.st_mode))
-    fail("cannot open " + quoted(name) + " on " + unitname + ": " + std::strerror(EISDIR));
-
-  int fd = calls.open(name.c_str(), O_RDWR | O_CLOEXEC | (st == "unknown" ? O_CREAT : 0), 0666);
-  if (fd < 0 && st == "old" && (errno == EACCES || errno == EROFS))
-    fd = calls.open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);  // readable only: enough for reading
-  if (fd < 0)
-    fail("cannot open " + quoted(name) + " on " + unitname + " (status " + quoted(st) + "): " + std::strerror(errno));
-  if (u.tostdout_) {  // unit 6 leaves standard output for the file
-    u.tostdout_ = false;
-    std::free(u.buf_);
-    u.buf_ = nullptr;
-  }
-  struct stat fb {};
-  if (::fstat(fd, &fb) == 0) {
-    u.dev_ = fb.st_dev;
-    u.ino_ = fb.st_ino;
-  }
-  u.buf_ = static_cast<char*>(std::malloc(filebuffer));
-  if (u.buf_ == nullptr) {
-    calls.close(fd);
-    fail("cannot open " + quoted(name) + " on " + unitname + ": out of memory for its buffer");
-  }
-  u.cap_ = filebuffer;
-  u.fd_ = fd;
-  u.form_ = f;
-  u.path_ = name;
-  u.rpos_ = u.rend_ = u.wlen_ = 0;
-  u.bufstart_ = 0;
-  u.mode_ = unit::mode::idle;
-  u.truncated_ = false;
-  u.records = u.lines = 0;
+  u.connect(name, f, st == "unknown");
 }
 
 void close(int number) {

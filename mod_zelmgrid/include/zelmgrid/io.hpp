@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -44,6 +45,12 @@ failurehandler setfailurehandler(failurehandler h);  // returns the handler it r
 
 // Called when a routine stops the program (after printing its message). The default flushes and
 // closes every unit and exits with status 0, as a plain STOP does.
+// What a standalone unit (one outside the table, see unit) throws where a numbered unit would end
+// the run.
+struct ioerror : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
 using stophandler = void (*)();
 stophandler setstophandler(stophandler h);
 [[noreturn]] void stop();
@@ -86,10 +93,19 @@ struct what {
   index_t j = 0;
 };
 
+// A connection to a file. Numbered units live in a table (getunit) and end the run on a failed
+// open, write or close; a standalone unit (number -1), owned by its user, throws ioerror instead and
+// closes its file when destroyed.
 class unit {
  public:
   explicit unit(int number);
   ~unit();
+
+  // Standalone units: connect to a file (create: make it when missing) and disconnect.
+  void openfile(std::string_view file, form f, bool create);
+  void closefile();
+  // A run-ending failure of this unit: io::fail for numbered units, ioerror for standalone ones.
+  [[noreturn]] void failure(const std::string& message) const;
   unit(const unit&) = delete;
   unit& operator=(const unit&) = delete;
 
@@ -141,6 +157,7 @@ class unit {
   friend void flush(int);
   friend unit& getunit(int);
   bool refill(std::size_t n);
+  void connect(const std::string& name, form f, bool create);
   void switchtoread();
   void switchtowrite();
   void flushwrites();
