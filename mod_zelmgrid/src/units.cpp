@@ -449,7 +449,8 @@ namespace detail {
 void setreaderror(unit& u, rstat st, std::int64_t offset, const std::string& reason) {
   std::string m;
   if (u.connected())
-    m = quoted(u.file()) + " (" + formname(u.connectedform()) + ", unit " + std::to_string(u.number()) + ")";
+    m = quoted(u.file()) + " (" + formname(u.connectedform()) +
+        (u.number() < 0 ? std::string(")") : ", unit " + std::to_string(u.number()) + ")");
   else
     m = "unit " + std::to_string(u.number()) + " (not connected to a file)";
   if (u.connectedform() == form::formatted)
