@@ -1,76 +1,400 @@
-// zelm: writes a small sample grid in every encoding and precision and reads each file back,
-// printing what it read.
-#include <cstdio>
-#include <filesystem>
-#include <string>
+// zelm: inspect, convert and export the solver family's grid, restart and pix files.
+#include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "detect.hpp"
+#include "gridgen.hpp"
+#include "zelmgrid/files.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
 
-using namespace mod_zelmgrid;
+namespace fs = std::filesystem;
+using zelmtool::filekind;
 
 namespace {
 
-// A unit square of two quadrilateral cells (2D, one zone): 6 nodes, 7 edges.
-struct samplegrid {
-  int ndim = 2, nzones = 1, ngridaux = 0;
-  farray<float, 2> x;
-  farray<int, 1> nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf;
-  farray<int, 2> ifnode, ifcell;
+constexpr const char* usage = R"(usage: zelm [--quiet] VERB [ARGS]
 
-  samplegrid() {
-    const float xy[6][2] = {{0, 0}, {1, 0}, {2, 0}, {0, 1}, {1, 1}, {2, 1}};
-    const int edges[7][4] = {{1, 2, 1, -1}, {2, 3, 2, -1}, {3, 6, 2, -2}, {6, 5, 2, -3},
-                             {5, 4, 1, -3}, {4, 1, 1, -4}, {2, 5, 1, 2}};
-    x.allocate(2, 6);
-    for (int n = 1; n <= 6; ++n) {
-      x(1, n) = xy[n - 1][0];
-      x(2, n) = xy[n - 1][1];
-    }
-    for (auto* a : {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}) a->allocate(1);
-    nptsz(1) = 6, nfacesz(1) = 7, ncellsz(1) = 2, mnpfz(1) = 2, mfpcz(1) = 4;
-    npf.allocate(7);
-    ifnode.allocate(2, 7);
-    ifcell.allocate(2, 7);
-    for (int f = 1; f <= 7; ++f) {
-      npf(f) = 2;
-      ifnode(1, f) = edges[f - 1][0];
-      ifnode(2, f) = edges[f - 1][1];
-      ifcell(1, f) = edges[f - 1][2];
-      ifcell(2, f) = edges[f - 1][3];
-    }
+Reads, checks, converts and exports the solver family's grid, restart and pix files.
+The encoding (framed records, unframed stream or text) and the precision of a file
+are found from its bytes: there is nothing to tell zelm about them.
+
+verbs:
+  info FILE [--grid GRID]        what a file is, with the evidence, and its contents
+  convert IN OUT --encoding E --precision P [--grid GRID] [--nvar N] [--force]
+                                 rewrite a file in another encoding or precision
+  export GRID [--pix PIX] -o OUT.dat [--force]
+                                 write a grid and its node solution to Tecplot ASCII
+  sample DIR                     write the sample grids and solutions into DIR
+
+Run 'zelm VERB --help' for the options of a verb.
+)";
+
+constexpr const char* infohelp = R"(usage: zelm info FILE [--grid GRID]
+
+Tells what FILE is without being told: its kind (grid, restart or pix), its encoding
+(framed records, unframed stream or text) and the precision of its reals, with the
+evidence found in the bytes, then the grid header and a table of the zones.
+
+Restart and pix files hold no counts of their own: with --grid GRID, zelm checks that
+the file's records and length agree with the grid's zones and says where they do not.
+The exit status is 1 when the file cannot be read or does not fit its grid.
+)";
+
+constexpr const char* converthelp =
+    R"(usage: zelm convert IN OUT --encoding E --precision P [--grid GRID] [--nvar N] [--force]
+
+Rewrites IN as OUT in another encoding and precision, carrying every header value across.
+  --encoding E    unformatted (framed records), binary (unframed) or formatted (text)
+  --precision P   single (4-byte reals) or double (8-byte reals); for text, 9 or 17 digits
+  --grid GRID     the grid of a restart or pix file (required for them)
+  --nvar N        the number of restart variables (found from the file when omitted)
+  --force         replace OUT if it exists
+
+Every zone keeps its place (the conversion does not go through the routines' zone
+placement). zelm says when values lose precision on the way to single precision.
+)";
+
+constexpr const char* exporthelp = R"(usage: zelm export GRID [--pix PIX] -o OUT.dat [--force]
+
+Writes GRID with the node solution of PIX (zero when omitted) to a Tecplot ASCII file
+through the library's export. Grids of several zones are written one file per zone
+(OUT-zone2.dat, ...), as the export numbers nodes and cells within one zone.
+)";
+
+constexpr const char* samplehelp = R"(usage: zelm sample DIR
+
+Writes the sample data into DIR: a 2D grid of quadrilaterals and triangles and a 3D grid
+of tetrahedra and prisms, each with a pix solution of a smooth flow, in several encodings.
+)";
+
+struct failure {
+  std::string message;
+  int status = 1;
+};
+
+[[noreturn]] void die(const std::string& message, int status = 1) {
+  throw failure{message, status};
+}
+
+struct args {
+  std::vector<std::string> positional;
+  std::map<std::string, std::string> options;
+  bool has(const std::string& k) const { return options.count(k) != 0; }
+  std::string get(const std::string& k) const {
+    auto it = options.find(k);
+    return it == options.end() ? "" : it->second;
   }
 };
+
+args parse(int argc, char** argv, int from, const std::vector<std::string>& valued,
+           const std::vector<std::string>& flags) {
+  args a;
+  for (int i = from; i < argc; ++i) {
+    std::string s = argv[i];
+    if (s.size() > 1 && s[0] == '-') {
+      const auto eq = s.find('=');
+      std::string key = s.substr(0, eq);
+      if (std::find(valued.begin(), valued.end(), key) != valued.end()) {
+        if (eq != std::string::npos)
+          a.options[key] = s.substr(eq + 1);
+        else if (i + 1 < argc)
+          a.options[key] = argv[++i];
+        else
+          die("option " + key + " needs a value", 2);
+      } else if (std::find(flags.begin(), flags.end(), key) != flags.end()) {
+        a.options[key] = "1";
+      } else {
+        die("unknown option " + s, 2);
+      }
+    } else {
+      a.positional.push_back(s);
+    }
+  }
+  return a;
+}
+
+void requirefile(const std::string& path) {
+  std::error_code ec;
+  if (!fs::exists(path, ec)) die("\"" + path + "\": no such file");
+  if (fs::is_directory(path, ec)) die("\"" + path + "\" is a directory");
+}
+
+// A grid, recognised from its bytes.
+zelm::grid loadgrid(const std::string& path, bool headeronly) {
+  requirefile(path);
+  const auto d = zelmtool::detect(path);
+  if (d.kind != filekind::grid)
+    die("\"" + path + "\" is not a grid file (" + zelmtool::kindname(d.kind) + ")");
+  return headeronly ? zelm::readgridheader(path, d.format()) : zelm::readgrid(path, d.format());
+}
+
+std::string describeformat(const zelmtool::detection& d) {
+  std::string s = zelm::encodingname(d.enc);
+  s += d.enc == zelm::encoding::unformatted ? " (framed records)"
+       : d.enc == zelm::encoding::binary    ? " (unframed stream)"
+                                            : " (list-directed text)";
+  return s;
+}
+
+// Writes through a temporary name in the same folder, renamed into place once complete, so that
+// a failure never leaves a half-written file under the requested name.
+template <class F>
+void writeatomically(const std::string& out, bool force, F&& write) {
+  std::error_code ec;
+  if (fs::exists(out, ec) && !force) die("\"" + out + "\" exists: give --force to replace it");
+  const fs::path target(out);
+  const fs::path tmp =
+      target.parent_path() / ("." + target.filename().string() + ".zelm-" + std::to_string(::getpid()));
+  try {
+    write(tmp.string());
+    fs::rename(tmp, target);
+  } catch (...) {
+    fs::remove(tmp, ec);
+    throw;
+  }
+}
+
+// ---- info -------------------------------------------------------------------------------------
+
+int info(const args& a) {
+  if (a.positional.size() != 1) die("info takes one file (see zelm info --help)", 2);
+  const std::string path = a.positional[0];
+  requirefile(path);
+  std::optional<zelm::grid> grid;
+  if (a.has("--grid")) grid = loadgrid(a.get("--grid"), true);
+  const auto d = zelmtool::detect(path, grid ? &*grid : nullptr);
+  std::printf("%s: %s file\n", path.c_str(), zelmtool::kindname(d.kind));
+  if (d.encodingknown) std::printf("  encoding:  %s\n", describeformat(d).c_str());
+  if (d.precisionknown) std::printf("  precision: %s reals\n", d.dblprec ? "8-byte" : "4-byte");
+  std::printf("  evidence:\n");
+  for (const auto& e : d.evidence) std::printf("    - %s\n", e.c_str());
+  if (d.kind == filekind::unknown) die("\"" + path + "\" is not a grid, restart or pix file");
+
+  if (d.kind == filekind::grid) {
+    const auto g = zelm::readgridheader(path, d.format());
+    std::printf("  header: ndim %d, %zu zone(s), auxiliary value %d\n", g.ndim, g.zones.size(), g.aux);
+    std::printf("  %6s %12s %12s %12s %9s %9s\n", "zone", "nodes", "faces", "cells", "mnpfz", "mfpcz");
+    for (std::size_t k = 0; k < g.zones.size(); ++k) {
+      const auto& z = g.zones[k];
+      std::printf("  %6zu %12d %12d %12d %9d %9d\n", k + 1, z.nodes, z.faces, z.cells, z.mnpf, z.mfpc);
+    }
+    std::printf("  %6s %12lld %12lld %12lld\n", "total", static_cast<long long>(g.totalnodes()),
+                static_cast<long long>(g.totalfaces()), static_cast<long long>(g.totalcells()));
+  }
+  if ((d.kind == filekind::restart || d.kind == filekind::pix) && grid) {
+    std::vector<std::string> problems = d.problems;
+    if (problems.empty()) {  // the whole file, read against the grid, must fit it
+      try {
+        if (d.kind == filekind::restart) {
+          const int nvar = a.has("--nvar") ? std::atoi(a.get("--nvar").c_str()) : d.nvar;
+          if (nvar < 0) {
+            problems.push_back("the number of variables cannot be found from the file: give --nvar");
+          } else {
+            const auto r = zelm::readrestart(path, d.format(), grid->cellsperzone(), nvar);
+            std::printf("  header: time %.17g, cycle %d, type %d, gamma %.9g, gas constant %.9g\n", r.dtime,
+                        r.lastcyc, r.rstype, r.dgamma, r.drgas);
+            std::printf("  %d variable(s) of %lld cells in %zu zone(s)\n", nvar,
+                        static_cast<long long>(grid->totalcells()), grid->zones.size());
+          }
+        } else {
+          const auto p = zelm::readpix(path, d.format(), grid->nodesperzone());
+          std::printf("  header: \"%s\", reference values %.9g %.9g %.9g %.9g %.9g %.9g\n", p.text.c_str(),
+                      p.dvar, p.dgamma, p.drgas, p.dr0, p.drm0, p.dp0);
+          std::printf("  %lld variable(s) (%zu free) of %lld nodes in %zu zone(s)\n",
+                      static_cast<long long>(p.values.extent(1)), p.labels.size(),
+                      static_cast<long long>(grid->totalnodes()), grid->zones.size());
+          for (std::size_t k = 0; k < p.labels.size(); ++k)
+            std::printf("    free variable %zu: \"%s\"\n", k + 1, p.labels[k].c_str());
+        }
+      } catch (const zelm::error& e) {
+        problems.push_back(e.what());
+      }
+    }
+    if (!problems.empty()) {
+      std::printf("  DOES NOT FIT the grid %s:\n", a.get("--grid").c_str());
+      for (const auto& p : problems) std::printf("    - %s\n", p.c_str());
+      return 1;
+    }
+    std::printf("  fits the grid %s\n", a.get("--grid").c_str());
+  } else if (d.kind != filekind::grid) {
+    std::printf("  (give --grid GRID to check it against its grid and show its contents)\n");
+  }
+  return 0;
+}
+
+// ---- convert ----------------------------------------------------------------------------------
+
+zelm::format outputformat(const args& a) {
+  const std::string e = a.get("--encoding"), p = a.get("--precision");
+  zelm::format f;
+  if (e == "unformatted")
+    f.enc = zelm::encoding::unformatted;
+  else if (e == "binary")
+    f.enc = zelm::encoding::binary;
+  else if (e == "formatted")
+    f.enc = zelm::encoding::formatted;
+  else
+    die("--encoding must be unformatted, binary or formatted", 2);
+  if (p == "single")
+    f.dblprec = false;
+  else if (p == "double")
+    f.dblprec = true;
+  else
+    die("--precision must be single or double", 2);
+  return f;
+}
+
+// Values that change when narrowed to 4-byte reals.
+template <class A>
+std::int64_t lost(const A& a) {
+  std::int64_t n = 0;
+  for (fortran::index_t i = 0; i < a.size(); ++i)
+    n += static_cast<double>(static_cast<float>(a.data()[i])) != a.data()[i];
+  return n;
+}
+
+int convert(const args& a) {
+  if (a.positional.size() != 2) die("convert takes an input and an output file (see zelm convert --help)", 2);
+  const std::string in = a.positional[0], out = a.positional[1];
+  const zelm::format to = outputformat(a);
+  requirefile(in);
+  std::optional<zelm::grid> grid;
+  if (a.has("--grid")) grid = loadgrid(a.get("--grid"), true);
+  const auto d = zelmtool::detect(in, grid ? &*grid : nullptr);
+  if (d.kind == filekind::unknown) die("\"" + in + "\" is not a grid, restart or pix file");
+  if (d.kind != filekind::grid && !grid)
+    die("converting a " + std::string(zelmtool::kindname(d.kind)) + " file needs its grid: --grid GRID");
+  if (!d.problems.empty()) die("\"" + in + "\" does not fit the grid: " + d.problems.front());
+  std::int64_t narrowed = 0;
+  writeatomically(out, a.has("--force"), [&](const std::string& tmp) {
+    if (d.kind == filekind::grid) {
+      const auto g = zelm::readgrid(in, d.format());
+      if (!to.dblprec) narrowed = lost(g.x);
+      zelm::writegrid(tmp, to, g);
+    } else if (d.kind == filekind::restart) {
+      const int nvar = a.has("--nvar") ? std::atoi(a.get("--nvar").c_str()) : d.nvar;
+      if (nvar < 0) die("the number of restart variables cannot be found from \"" + in + "\": give --nvar");
+      const auto r = zelm::readrestart(in, d.format(), grid->cellsperzone(), nvar);
+      if (!to.dblprec) narrowed = lost(r.q);
+      zelm::writerestart(tmp, to, r, grid->cellsperzone());
+    } else {
+      const auto p = zelm::readpix(in, d.format(), grid->nodesperzone());
+      if (!to.dblprec) narrowed = lost(p.values);
+      zelm::writepix(tmp, to, p, grid->nodesperzone());
+    }
+  });
+  std::printf("%s (%s, %s) -> %s (%s, %s)\n", in.c_str(), zelm::encodingname(d.enc),
+              d.dblprec ? "double" : "single", out.c_str(), zelm::encodingname(to.enc),
+              to.dblprec ? "double" : "single");
+  if (narrowed > 0)
+    std::printf("warning: %lld value(s) lost precision on the way to 4-byte reals\n",
+                static_cast<long long>(narrowed));
+  return 0;
+}
+
+// ---- sample -----------------------------------------------------------------------------------
+
+zelm::grid typed(const zelmgen::grid& g) {
+  zelm::grid t;
+  t.ndim = g.ndim;
+  t.aux = g.ngridaux;
+  for (int k = 1; k <= g.nzones; ++k)
+    t.zones.push_back({g.nptsz(k), g.nfacesz(k), g.ncellsz(k), g.mnpfz(k), g.mfpcz(k)});
+  t.x.allocate(g.x.extent(1), g.x.extent(2));
+  for (fortran::index_t i = 0; i < g.x.size(); ++i) t.x.data()[i] = g.x.data()[i];
+  t.npf.allocate(g.npf.extent(1));
+  t.ifnode.allocate(g.ifnode.extent(1), g.ifnode.extent(2));
+  t.ifcell.allocate(2, g.ifcell.extent(2));
+  for (fortran::index_t i = 0; i < g.npf.size(); ++i) t.npf.data()[i] = g.npf.data()[i];
+  for (fortran::index_t i = 0; i < g.ifnode.size(); ++i) t.ifnode.data()[i] = g.ifnode.data()[i];
+  for (fortran::index_t i = 0; i < g.ifcell.size(); ++i) t.ifcell.data()[i] = g.ifcell.data()[i];
+  return t;
+}
+
+int sample(const args& a) {
+  if (a.positional.size() != 1) die("sample takes a folder (see zelm sample --help)", 2);
+  const fs::path dir = a.positional[0];
+  fs::create_directories(dir);
+  struct spec {
+    const char* name;
+    zelmgen::grid g;
+  };
+  spec grids[] = {{"flow2d", zelmgen::quadtri(16, 12, false, 2)}, {"flow3d", zelmgen::tetprism(8, 8, 6, 3)}};
+  for (auto& s : grids) {
+    const auto g = typed(s.g);
+    const auto values = zelmgen::nodesolution(s.g, 1);
+    zelm::pix p;
+    p.dvar = 1.0, p.dgamma = 1.4, p.drgas = 287.05, p.dr0 = 1.225, p.drm0 = 0.5, p.dp0 = 101325.0;
+    p.text = std::string("sample ") + s.name;
+    p.labels = {"speed"};
+    p.values.allocate(values.extent(1), values.extent(2));
+    for (fortran::index_t i = 0; i < values.size(); ++i) p.values.data()[i] = values.data()[i];
+    for (auto [enc, suffix] :
+         {std::pair{zelm::encoding::unformatted, "unf"}, std::pair{zelm::encoding::formatted, "txt"}}) {
+      const std::string base = (dir / s.name).string();
+      zelm::writegrid(base + "-grid." + suffix, {enc, false}, g);
+      zelm::writepix(base + "-pix." + suffix, {enc, false}, p, g.nodesperzone());
+      std::printf("wrote %s-grid.%s and %s-pix.%s\n", base.c_str(), suffix, base.c_str(), suffix);
+    }
+  }
+  return 0;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::filesystem::path dir = argc > 1 ? argv[1] : "zelm-sample";
-  std::filesystem::create_directories(dir);
-  samplegrid g;
-  const char* names[3] = {"unformatted", "formatted", "binary"};
-  for (int filetype : {unformatted, formatted, binary}) {
-    for (logical dblprec : {0, 1}) {
-      if (filetype == formatted && dblprec) continue;
-      const std::string file = (dir / (std::string("grid-") + names[filetype] + (dblprec ? "-r8" : "-r4") + ".dat")).string();
-      const char40 name(file);
-      writezelmgrid(name, filetype, dblprec, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz, g.nfacesz, g.ncellsz,
-                    g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
-      io::close(4);
-
-      int ndim = 0, nzones = 0, ngridaux = 0;
-      farray<int, 1> hpts, hcells;
-      readzelmgridheader(name, filetype, ndim, nzones, ngridaux, hpts, hcells);
-      std::printf("%s: ndim %d, %d zone(s), zone 1: %d nodes, %d cells\n", file.c_str(), ndim, nzones,
-                  hpts.allocated() ? hpts(1) : -1, hcells.allocated() ? hcells(1) : -1);
-
-      farray<float, 2> x;
-      farray<int, 1> nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf;
-      farray<int, 2> ifnode, ifcell;
-      readzelmgrid(name, filetype, dblprec, ndim, nzones, ngridaux, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz,
-                   npf, ifnode, ifcell, 1);
-      for (int f = 1; f <= npf.extent(1); ++f)
-        std::printf("  face %d: nodes %d %d, cells %d %d\n", f, ifnode(1, f), ifnode(2, f), ifcell(1, f), ifcell(2, f));
-    }
+  int first = 1;
+  bool quiet = false;
+  while (first < argc && (std::string(argv[first]) == "--quiet" || std::string(argv[first]) == "-q")) {
+    quiet = true;
+    ++first;
   }
-  return 0;
+  if (quiet) {
+    mod_zelmgrid::io::setstdout(nullptr);
+    mod_gridvars::announcements = nullptr;
+  }
+  if (first >= argc || std::string(argv[first]) == "--help" || std::string(argv[first]) == "-h") {
+    std::fputs(usage, first >= argc ? stderr : stdout);
+    return first >= argc ? 2 : 0;
+  }
+  const std::string verb = argv[first];
+  struct verbdef {
+    const char* help;
+    std::vector<std::string> valued, flags;
+    int (*run)(const args&);
+  };
+  const std::map<std::string, verbdef> verbs = {
+      {"info", {infohelp, {"--grid", "--nvar"}, {}, info}},
+      {"convert", {converthelp, {"--encoding", "--precision", "--grid", "--nvar"}, {"--force"}, convert}},
+      {"sample", {samplehelp, {}, {}, sample}},
+  };
+  const auto it = verbs.find(verb);
+  if (it == verbs.end()) {
+    std::fprintf(stderr, "zelm: unknown verb \"%s\"\n\n%s", verb.c_str(), usage);
+    return 2;
+  }
+  for (int i = first + 1; i < argc; ++i)
+    if (std::string(argv[i]) == "--help" || std::string(argv[i]) == "-h") {
+      std::fputs(it->second.help, stdout);
+      return 0;
+    }
+  try {
+    const args a = parse(argc, argv, first + 1, it->second.valued, it->second.flags);
+    return it->second.run(a);
+  } catch (const failure& f) {
+    std::fprintf(stderr, "zelm: %s\n", f.message.c_str());
+    return f.status;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "zelm: %s\n", e.what());
+    return 1;
+  }
 }

@@ -150,6 +150,51 @@ std::vector<int> grid::cellsperzone() const {
 
 // ---- grid -------------------------------------------------------------------------------------
 
+namespace {
+
+// The header and the zone counts (one record in every encoding, as the writer writes them).
+template <class Real>
+grid readcounts(io::unit& u, reader<Real>& rd, bool text) {
+  grid g;
+  int nzones = 0;
+  u.context = {"grid header"};
+  rd.record(g.ndim, nzones, g.aux);
+  if (g.ndim < 0 || g.ndim > 3) invalid(u, "ndim = " + std::to_string(g.ndim) + " is not 0 to 3");
+  if (nzones < 0 || static_cast<std::int64_t>(nzones) * 5 > u.remaining() + 1)
+    invalid(u, "nzones = " + std::to_string(nzones) + " does not fit the file");
+  g.zones.resize(static_cast<std::size_t>(nzones));
+  u.context = {"zone counts"};
+  const auto one = [&](auto& s) {
+    for (auto& z : g.zones) {
+      s.item(z.nodes);
+      s.item(z.faces);
+      s.item(z.cells);
+      s.item(z.mnpf);
+      s.item(z.mfpc);
+    }
+    check(s.finish());
+  };
+  if (text) {
+    io::listin s(u);
+    one(s);
+  } else {
+    io::rawin s(u);
+    one(s);
+  }
+  for (const auto& z : g.zones)
+    if (z.nodes < 0 || z.faces < 0 || z.cells < 0) invalid(u, "negative count in the zone counts");
+  return g;
+}
+
+}  // namespace
+
+grid readgridheader(const std::string& file, format f) {
+  io::unit u(-1);
+  u.openfile(file, formof(f.enc), false);
+  reader<double> rd{u, f.enc == encoding::formatted};
+  return readcounts(u, rd, rd.text);
+}
+
 grid readgrid(const std::string& file, format f) {
   io::unit u(-1);
   u.openfile(file, formof(f.enc), false);
@@ -157,39 +202,9 @@ grid readgrid(const std::string& file, format f) {
   return byprecision(f, [&](auto real) {
     using Real = decltype(real);
     reader<Real> rd{u, text};
-    grid g;
-    int nzones = 0;
-    u.context = {"grid header"};
-    rd.record(g.ndim, nzones, g.aux);
-    if (g.ndim < 0 || g.ndim > 3) invalid(u, "ndim = " + std::to_string(g.ndim) + " is not 0 to 3");
-    if (nzones < 0 || static_cast<std::int64_t>(nzones) * 5 > u.remaining() + 1)
-      invalid(u, "nzones = " + std::to_string(nzones) + " does not fit the file");
-    g.zones.resize(static_cast<std::size_t>(nzones));
-    u.context = {"zone counts"};
-    {
-      const auto one = [&](auto& s) {
-        for (auto& z : g.zones) {
-          s.item(z.nodes);
-          s.item(z.faces);
-          s.item(z.cells);
-          s.item(z.mnpf);
-          s.item(z.mfpc);
-        }
-        check(s.finish());
-      };
-      if (text) {
-        io::listin s(u);
-        one(s);
-      } else {
-        io::rawin s(u);
-        one(s);
-      }
-    }
+    grid g = readcounts(u, rd, text);
     int width = 0;
-    for (const auto& z : g.zones) {
-      if (z.nodes < 0 || z.faces < 0 || z.cells < 0) invalid(u, "negative count in the zone counts");
-      width = std::max(width, z.mnpf);
-    }
+    for (const auto& z : g.zones) width = std::max(width, z.mnpf);
     const index_t nodes = g.totalnodes(), faces = g.totalfaces();
     if (u.remaining() < nodes * g.ndim || u.remaining() < faces * 3)
       invalid(u, "the zone counts ask for more nodes and faces than the file can hold");

@@ -70,6 +70,7 @@ struct pix {
 };
 
 grid readgrid(const std::string& file, format f);
+grid readgridheader(const std::string& file, format f);  // ndim, aux and the zone counts only
 void writegrid(const std::string& file, format f, const grid& g);
 
 // Restart files hold no counts: the cells per zone come from the grid, the number of variables
