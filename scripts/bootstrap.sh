@@ -8,7 +8,7 @@ have_pkg() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok
 
 for p in g++ cmake ninja-build gfortran libgtest-dev libgmock-dev libbenchmark-dev \
          python3-numpy python3-scipy python3-vtk9 python3-pytest python3-meshio \
-         clang libclang-rt-14-dev; do
+         clang libclang-rt-14-dev xvfb xauth; do
   have_pkg "$p" || need+=("$p")
 done
 
