@@ -31,8 +31,6 @@ verbs:
   info FILE [--grid GRID]        what a file is, with the evidence, and its contents
   convert IN OUT --encoding E --precision P [--grid GRID] [--nvar N] [--force]
                                  rewrite a file in another encoding or precision
-  export GRID [--pix PIX] -o OUT.dat [--force]
-                                 write a grid and its node solution to Tecplot ASCII
   sample DIR                     write the sample grids and solutions into DIR
 
 Run 'zelm VERB --help' for the options of a verb.
