@@ -424,8 +424,8 @@ void textfile(const mapped& m, detection& d) {
     d.kind = filekind::pix;
     d.evidence.push_back("lines 1 and 2 hold three reals each, line 3 a text: a pix header");
   }
-  // The digits of the first value after the header lines tell the values' precision: up to 9
-  // significant digits are 4-byte reals, more are 8-byte ones.
+  // The digits of the values after the header lines tell their precision: up to 9 significant
+  // digits are 4-byte reals, more are 8-byte ones.
   if (d.kind == filekind::unknown) return;
   std::size_t line = 0, i = 0;
   const std::size_t skip = d.kind == filekind::grid ? 1 : 3;
@@ -440,14 +440,18 @@ void textfile(const mapped& m, detection& d) {
     }
     return digits;
   };
+  // The most digits over the first values: a single value may need few of them.
   std::string tok, word;
-  int digits = 0;
-  for (; i <= m.size() && digits == 0; ++i) {
+  int digits = 0, seen = 0;
+  for (; i <= m.size() && seen < 64; ++i) {
     const char c = i < m.size() ? static_cast<char>(m.data()[i]) : ' ';
     if (c == ' ' || c == '\n' || c == '\r' || c == '\t' || c == ',') {
       if (!word.empty() && !isinteger(word) && isreal(word) && significant(word) > 0) {
-        tok = word;
-        digits = significant(word);
+        ++seen;
+        if (significant(word) > digits) {
+          tok = word;
+          digits = significant(word);
+        }
       }
       word.clear();
     } else {
