@@ -72,6 +72,7 @@ program restartref
   else
     call readfile()
   end if
+  deallocate (ncells)
 
 contains
 
