@@ -199,7 +199,7 @@ namespace {
 class rawbytes : public zt::zelmtest, public ::testing::WithParamInterface<std::tuple<int, logical>> {};
 }  // namespace
 
-TEST_P(rawbytes, WriterLaysOutHeaderAndZonesAsDescribed) {
+TEST_P(rawbytes, WriterLaysOutHeaderAndZonesRecordByRecord) {
   const auto [filetype, dblprec] = GetParam();
   const rawlayout l{filetype == unformatted, dblprec != 0};
   zt::setheader(zt::sampleheader());
