@@ -12,8 +12,9 @@
 // Zone placement in a row of q: zones 1 and 2 both start at position 1, and zone z >= 3 starts
 // after the cells of zones 1 .. z-2. The start moves on only after a zone has been transferred,
 // by the count of the zone before it. With several zones each zone from the second on therefore
-// lands one zone earlier than plain cell order, and the tail of the row is never filled. Readers
-// and writers share the rule, so a file goes back to the positions it came from.
+// lands one zone earlier than plain cell order (zone 2 over the first cells of zone 1), and the
+// positions beyond the furthest one reached are never transferred. Readers and writers share the
+// rule, so a file goes back to the positions it came from.
 #include <algorithm>
 #include <string>
 #include <utility>
