@@ -225,15 +225,15 @@ TEST_F(encoding, ListOutputLayout) {
                                       "  1.0000000000000001E-01", " Reading Zone            3 ..."}));
 }
 
-TEST_F(encoding, ListOutputContinuesLongRecordsOnNewLines) {
+TEST_F(encoding, ListOutputKeepsALongRecordOnOneLine) {
   io::open(u1, "f.txt", "formatted", "unknown");
   int v[10];
   for (int i = 0; i < 10; ++i) v[i] = i;
   io::listwrite(io::getunit(u1), io::items(v, 10));
   io::close(u1);
   const auto ls = zt::lines(zt::readfile("f.txt"));
-  ASSERT_EQ(ls.size(), 2u);
-  EXPECT_EQ(ls[0].size(), 72u);  // six 12-column integers fit in 80 columns
+  ASSERT_EQ(ls.size(), 1u);
+  EXPECT_EQ(ls[0].size(), 120u);  // ten 12-column integers
   io::open(u1, "f.txt", "formatted", "old");
   int r[10] = {};
   EXPECT_EQ(io::listread(io::getunit(u1), io::items(r, 10)), rstat::ok);

@@ -868,28 +868,27 @@ TEST_F(pixfiles, FormattedFreeVariablesFromZoneThreeReadColumnsFromIoffToNptsOnl
   for (int c = 3; c <= 7; ++c) EXPECT_EQ(q(7, c), src(7, c)) << c;
 }
 
-TEST_F(pixfiles, FormattedFreeVariableReadStopsInsideAContinuedRecordAndReadsTheRestAsTheNextRecord) {
-  // Zone 3 has 8 values: its records run over two lines (5 + 3 values). The free variables read
-  // nptsz(3) - 6 + 1 = 3 of them, discard the rest of the first line, and the next read starts
-  // on the record's second line: reading stays in line, not in record.
+TEST_F(pixfiles, FormattedFreeVariableReadOfZoneThreeTakesFewerValuesAndStaysInStep) {
+  // Zone 3 has 8 values, every record stays on one line. The free variables read
+  // nptsz(3) - 6 + 1 = 3 of them and discard the rest of the line, so the next record is read
+  // from its own line.
   const zt::pixheader h;
   const auto nptsz = zt::counts({5, 2, 8});
   const auto src = zt::makepix(8, 15);
   h.set(2);
   writezelmpixfile("p.txt", formatted, 0, 3, nptsz, src);
   const auto lines = zt::lines(zt::readfile("p.txt"));
-  ASSERT_EQ(lines.size(), 3u + 8u * 4u + 1u + 2u);  // each zone-3 record takes two lines
+  ASSERT_EQ(lines.size(), 3u + 6u * 3u + 1u + 2u + 2u * 3u);  // one line per record
+  fortran::allocationfill = 0x7f;
   const auto p = readwhole("p.txt", formatted, 0, 3, nptsz);
+  fortran::allocationfill = -1;
   EXPECT_EQ(zt::services().readerrors, 0) << zt::services().lastdetail;
-  for (int c = 1; c <= 8; ++c) EXPECT_EQ(p(7, c), src(7, c)) << c;
-  // Variable 8, zone 1 begins with the three values on variable 7's continuation line (columns
-  // 11 .. 13) and takes two more from its own line; zone 2 then reads its own line.
-  EXPECT_EQ(p(8, 1), src(8, 1));
-  EXPECT_EQ(p(8, 2), src(8, 2));
-  EXPECT_EQ(p(8, 3), src(7, 13));
-  EXPECT_EQ(p(8, 4), src(8, 1));
-  EXPECT_EQ(p(8, 5), src(8, 2));
-  EXPECT_EQ(p(8, 6), src(8, 6));
+  float unset;
+  std::memset(&unset, 0x7f, 4);
+  for (int v = 7; v <= 8; ++v) {
+    for (int c = 1; c <= 8; ++c) EXPECT_EQ(p(v, c), src(v, c)) << v << " " << c;
+    for (int c = 9; c <= 13; ++c) EXPECT_EQ(p(v, c), unset) << v << " " << c;  // the values passed over
+  }
 }
 
 // ---- zone placement ------------------------------------------------------------------------------
