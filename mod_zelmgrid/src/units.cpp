@@ -339,7 +339,8 @@ void open(int number, std::string_view file, std::string_view formword, std::str
              std::to_string(other->number_));
   }
   if (st == "old" && !exists)
-    fail("cannot open " + quoted(name) + " on " + unitname + " (status \"old\"): " + std::strerror(ENOENT));
+    fail("cannot open " + quoted(name) + " on " + unitname + " as " + formname(f) + " (status \"old\"): " +
+         std::strerror(ENOENT));
   if (exists && S_ISDIR(sb.st_mode))
     fail("cannot open " + quoted(name) + " on " + unitname + ": " + std::strerror(EISDIR));
 
@@ -347,7 +348,8 @@ void open(int number, std::string_view file, std::string_view formword, std::str
   if (fd < 0 && st == "old" && (errno == EACCES || errno == EROFS))
     fd = calls.open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);  // readable only: enough for reading
   if (fd < 0)
-    fail("cannot open " + quoted(name) + " on " + unitname + " (status " + quoted(st) + "): " + std::strerror(errno));
+    fail("cannot open " + quoted(name) + " on " + unitname + " as " + formname(f) + " (status " + quoted(st) +
+         "): " + std::strerror(errno));
   if (u.tostdout_) {  // unit 6 leaves standard output for the file
     u.tostdout_ = false;
     std::free(u.buf_);
