@@ -238,6 +238,17 @@ TEST_P(badgrid, GarbageBytes) {
     for (char& c : junk) c = static_cast<char>(rng());
     if (trial % 3 == 1)  // digits, signs and blanks, which the formatted reader takes further
       for (char& c : junk) c = "0123456789 \n-"[rng() % 13];
+    if (filetype != formatted) {
+      // A zone count of up to 4095: larger ones only make the allocations bigger, which the
+      // sanitizers' allocator maps slowly (huge counts have a test of their own).
+      const std::size_t at = filetype == unformatted ? 8 : 4;
+      if (junk.size() >= at + 4) {
+        std::int32_t n;
+        std::memcpy(&n, junk.data() + at, 4);
+        n %= 4096;
+        std::memcpy(junk.data() + at, &n, 4);
+      }
+    }
     const bool header = trial % 3 == 2;  // two zones of 200 nodes each, then garbage
     if (header) {
       std::string head;
@@ -267,6 +278,36 @@ TEST_P(badgrid, GarbageBytes) {
     readzelmgridheader("bad.dat", filetype, ndim, nzones, ngridaux, nptsz, ncellsz);
     io::close(14);
   }
+}
+
+// A zone count of two thousand million in a file of a few bytes: the count arrays are allocated
+// (or their allocation fails and is reported), and the read of the counts fails, in both readers.
+TEST_P(badgrid, AHugeZoneCountInAShortFile) {
+  const auto [filetype, wide] = GetParam();
+  const std::int32_t huge = 2'000'000'000;
+  if (filetype == formatted)
+    zt::writefile("bad.dat", " 3 2000000000 0\n 4 3 1 3 5\n");
+  else if (filetype == unformatted)
+    zt::writefile("bad.dat",
+                  zt::bytes().record(zt::bytes().i4(3).i4(huge).i4(0)).record(zt::bytes().i4(4)).b);
+  else
+    zt::writefile("bad.dat", zt::bytes().i4(3).i4(huge).i4(0).i4(4).b);
+  zt::grid r;
+  r.read("bad.dat", filetype, wide);
+  EXPECT_EQ(r.nzones, huge);
+  EXPECT_EQ(zt::services().readerrors, 1);
+  EXPECT_NE(zt::services().lastdetail.find("\"bad.dat\" (" + std::string(encodingword(filetype))),
+            std::string::npos)
+      << zt::services().lastdetail;
+  EXPECT_FALSE(r.x.allocated());
+  r = zt::grid();  // release the counts before the next read
+  io::close(13);
+  zt::services().clear();
+  int ndim = 0, nzones = 0, ngridaux = 0;
+  farray<int, 1> nptsz, ncellsz;
+  readzelmgridheader("bad.dat", filetype, ndim, nzones, ngridaux, nptsz, ncellsz);
+  EXPECT_EQ(nzones, huge);
+  EXPECT_EQ(zt::services().readerrors, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(encodings, badgrid,
