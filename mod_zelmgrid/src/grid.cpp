@@ -217,6 +217,7 @@ void writezelmgrid(const char40& filename, const int& filetype, const logical& d
   static constexpr const char* routine = "writezelmgrid";
   mod_gridvars::dispreadwrite(2, 10, 100, filename, filetype, dblprec);
   const bool wide = israw(filetype) && fortran::istrue(dblprec);
+  if (!israw(filetype) && filetype != formatted) return;  // an unknown code: nothing is touched
 
   // The arrays must hold what the counts say; the routine checks nothing else.
   detail::requirearray(holdszones(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}), routine,
