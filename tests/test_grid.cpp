@@ -454,3 +454,20 @@ TEST_F(gridfiles, FileNamesAreFortyCharactersWithoutTheirTrailingBlanks) {
   EXPECT_EQ(r.nptsz(1), 4);
   EXPECT_EQ(zt::services().announced.back().file, full);
 }
+
+// An unknown code returns before the arrays are looked at: arrays that do not match the counts
+// do not end the run.
+TEST_F(gridfiles, WriterWithAnUnknownCodeIgnoresItsArrays) {
+  farray<float, 2> x;
+  farray<int, 1> nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf;
+  farray<int, 2> ifnode, ifcell;
+  EXPECT_NO_THROW(writezelmgrid("g.dat", -1, 1, 3, 4, 0, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf, ifnode,
+                                ifcell));
+  EXPECT_FALSE(std::filesystem::exists("g.dat"));
+  EXPECT_FALSE(io::isconnected(4));
+  EXPECT_EQ(zt::services().announced.size(), 1u);
+  // With a valid code the same arrays end the run instead of being read outside their storage.
+  EXPECT_THROW(writezelmgrid("g.dat", binary, 0, 3, 4, 0, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf, ifnode,
+                             ifcell),
+               zt::iofailure);
+}
