@@ -471,3 +471,19 @@ TEST_F(gridfiles, WriterWithAnUnknownCodeIgnoresItsArrays) {
                              ifcell),
                zt::iofailure);
 }
+
+// An output array passed already allocated makes its allocation fail (status 1, reported); when
+// it is too small for the file's counts, the read stops there as a failed read naming the record
+// that would have overflowed it.
+TEST_F(gridfiles, AnArrayPassedAllocatedAndTooSmallStopsTheReadAtItsRecord) {
+  zt::makegrid(2).write("g.dat", unformatted, 0);
+  zt::grid r;
+  r.x.allocate(3, 2);
+  r.read("g.dat", unformatted, 0);
+  EXPECT_EQ(zt::services().allocstatuses, (std::vector<int>{0, 0, fortran::stat_already_allocated}));
+  EXPECT_EQ(zt::services().readerrors, 1);
+  EXPECT_EQ(zt::services().lastdetail,
+            "\"g.dat\" (unformatted, unit 13), record 3 (zone 1 node 1) at byte 68: zone 1's 4 nodes do not fit the "
+            "coordinate array");
+  EXPECT_EQ(r.x.extent(2), 2);
+}
