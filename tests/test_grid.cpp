@@ -487,3 +487,36 @@ TEST_F(gridfiles, AnArrayPassedAllocatedAndTooSmallStopsTheReadAtItsRecord) {
             "coordinate array");
   EXPECT_EQ(r.x.extent(2), 2);
 }
+
+// The same one-face grid in the other two encodings, character for character and byte for byte.
+TEST_F(gridfiles, FormattedAndBinaryBytesOfAOneFaceGrid) {
+  zt::grid g;
+  g.ndim = 2, g.nzones = 1, g.ngridaux = 5;
+  for (auto* a : {&g.nptsz, &g.nfacesz, &g.ncellsz, &g.mnpfz, &g.mfpcz}) a->allocate(1);
+  g.nptsz(1) = 2, g.nfacesz(1) = 1, g.ncellsz(1) = 1, g.mnpfz(1) = 2, g.mfpcz(1) = 3;
+  g.x.allocate(2, 2);
+  g.x(1, 1) = 0.5f, g.x(2, 1) = 1.5f, g.x(1, 2) = -2.5e-7f, g.x(2, 2) = 3.5e12f;
+  g.npf.allocate(1);
+  g.ifnode.allocate(2, 1);
+  g.ifcell.allocate(2, 1);
+  g.npf(1) = 2, g.ifnode(1, 1) = 1, g.ifnode(2, 1) = 2, g.ifcell(1, 1) = 1, g.ifcell(2, 1) = -1;
+  g.write("g.txt", formatted, 0);
+  // Nine significant digits of the 4-byte values: -2.5e-7f is -2.49999999e-7, 3.5e12f 3.49999989e12.
+  EXPECT_EQ(zt::readfile("g.txt"),
+            "           2           1           5\n"
+            "           2           1           1           2           3\n"
+            "  5.00000000E-01  1.50000000E+00\n"
+            " -2.49999999E-07  3.49999989E+12\n"
+            "           2           1           2           1          -1\n");
+  g.write("g.dat", binary, 0);
+  EXPECT_EQ(zt::readfile("g.dat"), bytes()
+                                       .i4(2).i4(1).i4(5)
+                                       .i4(2).i4(1).i4(1).i4(2).i4(3)
+                                       .r4(0.5f).r4(1.5f)
+                                       .r4(-2.5e-7f).r4(3.5e12f)
+                                       .i4(2).i4(1).i4(2).i4(1).i4(-1).b);
+  zt::grid r;
+  r.read("g.txt", formatted, 0);
+  EXPECT_EQ(r.x(1, 2), -2.5e-7f);
+  EXPECT_EQ(r.x(2, 2), 3.5e12f);
+}
