@@ -88,9 +88,9 @@ void readzelmgridheader(const char40& filename, const int& filetype, int& ndim, 
   mod_gridvars::checkallocationerror(allocatecounts(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}));
 
   if (opened) {
+    u.context = {"zone counts"};
     if (!holdszones(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}))
       return detail::outofbounds(u, "the zone-count arrays for " + std::to_string(nzones) + " zones could not be allocated");
-    u.context = {"zone counts"};
     rstat st;
     if (filetype == formatted) {
       io::listin s(u);
@@ -121,6 +121,7 @@ void readzelmgrid(const char40& filename, const int& filetype, const logical& db
     if (readrecord(u, filetype, ndim, nzones, ngridaux) != rstat::ok) return detail::readfailed();
 
     mod_gridvars::checkallocationerror(allocatecounts(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}));
+    u.context = filetype == formatted ? io::what{"zone counts of zone", 1} : io::what{"zone counts"};
     if (!holdszones(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}))
       return detail::outofbounds(u, "the zone-count arrays for " + std::to_string(nzones) + " zones could not be allocated");
 
@@ -160,6 +161,7 @@ void readzelmgrid(const char40& filename, const int& filetype, const logical& db
     for (int k = 1; k <= nzones; ++k) {
       io::print("Reading Grid Points in Zone ", k, "...");
       const index_t n = nptsz(k);
+      u.context = {"zone", k, "node", 1};
       if (n > 0) {
         const index_t rows = wide ? x8.extent(1) : x.extent(1);
         const index_t cols = wide ? x8.extent(2) : x.extent(2);
@@ -176,6 +178,7 @@ void readzelmgrid(const char40& filename, const int& filetype, const logical& db
       if (conn) {
         io::print("Reading Connectivity Information in Zone ", k, "...");
         const index_t nf = nfacesz(k);
+        u.context = {"zone", k, "face", 1};
         if (nf > 0 && (face < 1 || face + nf - 1 > npf.extent(1) || face + nf - 1 > ifnode.extent(2) ||
                        face + nf - 1 > ifcell.extent(2)))
           return detail::outofbounds(u, "zone " + std::to_string(k) + "'s " + std::to_string(nf) +
@@ -217,6 +220,7 @@ void writezelmgrid(const char40& filename, const int& filetype, const logical& d
   static constexpr const char* routine = "writezelmgrid";
   mod_gridvars::dispreadwrite(2, 10, 100, filename, filetype, dblprec);
   const bool wide = israw(filetype) && fortran::istrue(dblprec);
+  if (!israw(filetype) && filetype != formatted) return;  // an unknown code: nothing is touched
 
   // The arrays must hold what the counts say; the routine checks nothing else.
   detail::requirearray(holdszones(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}), routine,

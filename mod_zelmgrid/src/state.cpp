@@ -48,6 +48,7 @@ void readfailed() {
 }
 
 void outofbounds(io::unit& u, const std::string& what) {
+  ++u.records;  // the statement that would have stored outside its array counts as begun
   io::detail::setreaderror(u, io::rstat::error, u.connected() ? u.position() : 0, what);
   readfailed();
 }
