@@ -17,10 +17,21 @@
 //     slots, 3 in three dimensions, x or qnode with fewer nodes than a zone has, x with fewer rows
 //     than ndim, qnode with fewer rows than npixvar or, in three dimensions, numrstrtvar) end the
 //     run through io::fail before anything is printed or opened;
-//   - any other reference that falls outside its array is left out: the store or record that needs
-//     it is skipped (a node number that cannot be renumbered is written as 0), and the export
-//     reports it on standard error ("zelmgrid: Tecplot export: ...: left out", at most 20 lines a
-//     call) and goes on. Counts (cells, faces, nodes) are still counted as described.
+//   - any other reference that falls outside its array is left out, reported on standard error
+//     ("zelmgrid: Tecplot export: ...: left out", at most 20 lines a call), and the export goes on:
+//       a face found for a cell beyond iface's columns (or a cell beyond iface's rows) is counted
+//       in mfpc but not stored; a cell number beyond mfpc is passed over; a boundary face beyond
+//       ibf, or a node beyond ipf or ipbf, is counted but not stored;
+//       an element writer leaves out the record of a cell whose face slots lie outside iface
+//       (no stop: its faces are unknown, not unorderable); a face slot naming a face that ifnode
+//       or npf does not hold contributes no nodes (and may leave the cell unorderable, which stops
+//       as for any such cell);
+//       a node record for a node that x or qnode does not hold is left out whole; a node number
+//       that ipf does not hold is written as 0 in connectivity records; a body face beyond ibf is
+//       left out; a node beyond ifcell's columns gets no node-use code (it is then in no element
+//       zone), a cell beyond them no type code.
+//     Counts (cells, faces, nodes) are still counted as described, so a header may then announce
+//     more records than follow.
 #include "tecplot.hpp"
 
 #include <algorithm>
@@ -111,6 +122,15 @@ int cellface(const farray<int, 2>& iface, index_t ic, int k, int iz) {
           " is outside iface (" + std::to_string(iface.extent(1)) + " cells, " +
           std::to_string(iface.extent(2)) + " slots)");
   return 0;
+}
+
+// Whether iface holds face slots 1 .. slots of cell ic; when not, the cell's record is left out.
+bool cellknown(const farray<int, 2>& iface, index_t ic, int slots, int iz) {
+  if (within(iface, ic, slots)) return true;
+  leftout(zonetext(iz) + ": cell " + std::to_string(ic) + " (face slots 1 to " + std::to_string(slots) +
+          ") is outside iface (" + std::to_string(iface.extent(1)) + " cells, " +
+          std::to_string(iface.extent(2)) + " slots); its record");
+  return false;
 }
 
 // Whether face f has node slots 1 .. slots in ifnode; reports it when not.
@@ -361,8 +381,9 @@ void writetecplotfile(const char40& filename, const int& ndim, const int& nzones
         const int m = work.mfpc(ic);
         if (m < 4 || m > 6) continue;  // neither a tetrahedron nor a prism
         const int type = m == 4 ? 1 : 2;
-        if (m == 4)
-          ++tets;
+        if (m == 4) ++tets;
+        if (!cellknown(iface, ic, 4, iz))
+          continue;
         else
           ++prisms;  // a six-face cell is counted as a prism on purpose
         if (within(ifcell, 1, ic))
@@ -541,6 +562,7 @@ void quapts(const int& iz, const farray<int, 1>& ncellsz, const farray<int, 2>& 
   if (formt(4) == 1) io::print("writing cell/node connectivity info for quads");
   const int ncells = zonecount(ncellsz, iz, "ncellsz");
   for (int ic = 1; ic <= ncells; ++ic) {
+    if (!cellknown(iface, ic, 4, iz)) continue;
     // The first edge gives na and nb; nc is the node joined to nb by another edge, nd the node
     // joined to na. A face that ifnode does not hold contributes no nodes.
     const int f1 = cellface(iface, ic, 1, iz);
@@ -577,6 +599,7 @@ void tripts(const int& iz, const farray<int, 1>& ncellsz, const farray<int, 2>& 
   if (formt(4) == 1) io::print("writing cell/node connectivity info for triangles");
   const int ncells = zonecount(ncellsz, iz, "ncellsz");
   for (int ic = 1; ic <= ncells; ++ic) {
+    if (!cellknown(iface, ic, 3, iz)) continue;
     const int f1 = cellface(iface, ic, 1, iz);
     int na = 0, nb = 0;
     if (faceknown(ifnode, f1, 2, iz, ic)) na = ifnode(1, f1), nb = ifnode(2, f1);
@@ -677,6 +700,7 @@ void prsmpts(const int& iz, const int& ndim, const farray<int, 1>& ncellsz, cons
     }
     if (ifcell(1, ic) != 2) continue;
     ++visited;
+    if (!cellknown(iface, ic, 5, iz)) continue;
 
     // Sort the five faces: triangles (+face) fill npscr 1..3 and 4..6, quadrilaterals are -face.
     // A slot whose face is unknown keeps its previous value, as npscr does for a missing triangle.
