@@ -381,9 +381,8 @@ void writetecplotfile(const char40& filename, const int& ndim, const int& nzones
         const int m = work.mfpc(ic);
         if (m < 4 || m > 6) continue;  // neither a tetrahedron nor a prism
         const int type = m == 4 ? 1 : 2;
-        if (m == 4) ++tets;
-        if (!cellknown(iface, ic, 4, iz))
-          continue;
+        if (m == 4)
+          ++tets;
         else
           ++prisms;  // a six-face cell is counted as a prism on purpose
         if (within(ifcell, 1, ic))
@@ -646,6 +645,7 @@ void tetpts(const int& iz, const int& ndim, const farray<int, 1>& ncellsz, const
     }
     if (ifcell(1, ic) != 1) continue;
     ++tets;
+    if (!cellknown(iface, ic, 4, iz)) continue;
     // The first face gives three corners; the fourth is a node of the other faces that is none of
     // them (the last one found).
     const int f1 = cellface(iface, ic, 1, iz);
