@@ -3,6 +3,7 @@
 // read back with VTK's Tecplot reader.
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 
@@ -257,6 +258,22 @@ TEST_F(tecplot, NoZonesOpensAndClosesAnEmptyFile) {
   EXPECT_EQ(zt::readfile("t.plt"), "");
   expectlines(out, {said("Writing to Tecplot file...")});
   EXPECT_FALSE(io::isconnected(10));
+  EXPECT_EQ(const_(3), INT_MIN);  // the largest of no mnpfz values
+}
+
+TEST_F(tecplot, SwitchesAreSetOnEveryCall) {
+  formt(1) = 41, formt(2) = 42, formt(3) = 0, formt(4) = 0, formt(5) = 0;
+  auto g = build(2, {tt::quadstrip()});
+  run(g);
+  EXPECT_EQ(formt(1), 41);  // not used by the export
+  EXPECT_EQ(formt(2), 42);
+  EXPECT_EQ(formt(3), 2);
+  EXPECT_EQ(formt(4), 1);
+  EXPECT_EQ(formt(5), 3);
+  EXPECT_EQ(const_(1), 6);  // boundary nodes of the zone
+  EXPECT_EQ(const_(2), 6);  // boundary faces of the zone
+  EXPECT_EQ(const_(3), 2);  // largest mnpfz
+  EXPECT_EQ(const_(4), 4);  // most faces found for one cell
 }
 
 TEST_F(tecplot, AnExistingFileIsWrittenFromItsStart) {
@@ -413,6 +430,67 @@ TEST_F(tecplot, FormtFourOffOrderingChecksStillRunAndStopWithTheTriptsMessage) {
             said(" error: in subroutine tripts: ifc3.eq.0 ") + "\n");
 }
 
+namespace {
+
+// The quadrilateral strip as the driver hands it to writer: the faces of each cell, every node on
+// the boundary, the six boundary faces; unit 10 open on w.plt.
+struct writerinput {
+  tt::grid g = build(2, {tt::quadstrip()});
+  farray<int, 1> ipf, ibf;
+  farray<int, 2> iface;
+  writerinput() {
+    ipf.allocate(6);
+    std::fill_n(ipf.data(), 6, -1);
+    ibf.allocate(6);
+    for (int j = 1; j <= 6; ++j) ibf(j) = j;
+    iface.allocate(2, 4);
+    const int faces[2][4] = {{1, 5, 6, 7}, {2, 3, 4, 7}};
+    for (int c = 1; c <= 2; ++c)
+      for (int k = 1; k <= 4; ++k) iface(c, k) = faces[c - 1][k - 1];
+    const_(2) = 6;
+    formt(3) = 2;
+    io::open(10, "w.plt", "formatted", "unknown");
+  }
+  std::string write() {
+    const std::string out = zt::capturestdout([&] {
+      writer(1, 2, g.mfpcz, g.nptsz, g.ncellsz, ipf, g.x, g.qnode, g.ifnode, iface, g.npf, g.ifcell, ibf);
+    });
+    io::close(10);
+    return out;
+  }
+};
+
+}  // namespace
+
+TEST_F(tecplot, WriterWithFormtFourOffStillWritesTheBodySurface) {
+  writerinput in;
+  formt(4) = 0;
+  formt(5) = 3;
+  const strings out = zt::lines(in.write());
+  strings want = {title, variables2, bodypointheader(1, 6)};
+  for (int n = 1; n <= 6; ++n) tt::append(want, tt::noderecord(in.g, n, 6));
+  expectlines(filelines("w.plt"), want);
+  expectlines(out, {"", " writing info for zone:   1", said("NDOTS", {4}), "",
+                    said("writing info for body surfaces......."), said(" # of boundary faces: ", {6}),
+                    said(" # of boundary nodes for those faces: ", {6}),
+                    said("done writing info for body surfaces......")});
+  for (int n = 1; n <= 6; ++n) EXPECT_EQ(in.ipf(n), n);  // numbered inside the body zone
+}
+
+TEST_F(tecplot, WriterWithFormtFiveBelowTwoWritesNoBodySurface) {
+  writerinput in;
+  formt(4) = 1;
+  formt(5) = 1;
+  const strings out = zt::lines(in.write());
+  const strings lines = filelines("w.plt");
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.back(), "      2      3      6      5");
+  ASSERT_FALSE(out.empty());
+  EXPECT_EQ(out.back(), said("done writing quad cell/node info......."));
+  EXPECT_EQ(const_(1), 6);  // the boundary list is built all the same
+  EXPECT_EQ(detail::tecplotwork().ipbf(6), 6);
+}
+
 // ==== three dimensions ==============================================================================
 
 TEST_F(tecplot, TetrahedraOnlyFileLineByLineHasNoPrismZone) {
@@ -483,6 +561,63 @@ TEST_F(tecplot, TetrahedraAndPrismFileLineByLine) {
     tt::append(want, tt::intrecord(f));
   expectlines(filelines("t.plt"), want);
   EXPECT_EQ(err, "");
+}
+
+TEST_F(tecplot, TetrahedraAndPrismCounts) {
+  auto g = build(3, {tt::prismwithtet()});
+  run(g);
+  EXPECT_EQ(const_(1), 3);  // boundary nodes that the prism zone collected
+  EXPECT_EQ(const_(2), 7);
+  EXPECT_EQ(const_(3), 4);
+  EXPECT_EQ(const_(4), 5);
+  EXPECT_EQ(const_(5), 1);
+  EXPECT_EQ(const_(6), 1);
+  EXPECT_EQ(const_(7), 4);
+  EXPECT_EQ(const_(8), 6);
+}
+
+TEST_F(tecplot, PrismWhoseFirstQuadrilateralEdgeJoinsTheTrianglesGivesTheSameBrickShape) {
+  // The quadrilateral 1 2 5 4 stored as 2 5 4 1: its first edge 2-5 joins the triangles, so edge A
+  // is 2-1 (apex 3) and edge B is 5-4 (apex 6).
+  auto z = tt::prismwithtet();
+  z.faces[1].nodes = {2, 5, 4, 1};
+  auto g = build(3, {z});
+  run(g);
+  const strings lines = filelines("t.plt");
+  const strings brick = tt::intrecord({3, 3, 6, 6, 2, 1, 4, 5});
+  const auto at = std::find(lines.begin(), lines.end(), brick[0]);
+  ASSERT_NE(at, lines.end());
+  EXPECT_EQ(*(at + 1), brick[1]);
+}
+
+TEST_F(tecplot, SixFaceCellWithoutTrianglesIsWrittenFromThePreviousPrismsTriangles) {
+  // A prism (cell 1) and a hexahedron (cell 2) on its quadrilateral 1 2 5 4. The hexahedron is
+  // written as a prism: its first five faces hold no triangle, so the triangle nodes of the prism
+  // before it are used, no apex is found, and node 0 is written as 0 (and reported).
+  tt::zone z;
+  z.points = {{0, 0, 0}, {1, 0, 0},  {0, 1, 0},  {0, 0, 1},  {1, 0, 1},
+              {0, 1, 1}, {0, -1, 0}, {1, -1, 0}, {1, -1, 1}, {0, -1, 1}};
+  z.faces = {{{1, 2, 3}, 1, -1},     {{1, 2, 5, 4}, 1, 2},   {{2, 3, 6, 5}, 1, -1}, {{3, 1, 4, 6}, 1, -1},
+             {{4, 5, 6}, 1, -1},     {{7, 8, 9, 10}, 2, -1}, {{1, 2, 8, 7}, 2, -1}, {{4, 5, 9, 10}, 2, -1},
+             {{1, 4, 10, 7}, 2, -1}, {{2, 5, 9, 8}, 2, -1}};
+  z.ncells = 2;
+  z.mfpc = 6;
+  auto g = build(3, {z});
+  const strings out = zt::lines(run(g));
+  EXPECT_EQ(count(out, said("total number of prisms,pts: ", {2, 10})), 1);
+  EXPECT_EQ(count(out, said(" number of prisms (known,counted):", {2, 2})), 1);
+  const strings lines = filelines("t.plt");
+  EXPECT_EQ(count(lines, " ZONE  T= \"Prism-Zone   1\"  N=        10 , E=         2 , F=FEPOINT, ET=BRICK"),
+            1);
+  const strings prism = tt::intrecord({3, 3, 6, 6, 1, 2, 5, 4});
+  const strings hexahedron = tt::intrecord({0, 0, 0, 0, 7, 10, 9, 8});
+  const auto at = std::find(lines.begin(), lines.end(), prism[0]);
+  ASSERT_NE(at, lines.end());
+  ASSERT_LT(at + 3, lines.end());
+  EXPECT_EQ(*(at + 1), prism[1]);
+  EXPECT_EQ(*(at + 2), hexahedron[0]);
+  EXPECT_EQ(*(at + 3), hexahedron[1]);
+  EXPECT_TRUE(contains(err, "zone 1: node 0 is outside ipf (10 nodes) and is written as 0: left out")) << err;
 }
 
 TEST_F(tecplot, TetrahedraAndPrismMessagesLineByLine) {
@@ -1206,6 +1341,17 @@ TEST_F(tecplotvtk, TetrahedronAndPrismReadBackAndTheHeaderlessBodyStopsTheReader
   EXPECT_TRUE(
       contains(r["messages"].str, "The record type 0.0000000000000000E+00 found in the file is unknown"))
       << r["messages"].str;
+}
+
+TEST_F(tecplotvtk, PrismFromEitherQuadrilateralLayoutReadsBackWithItsVolume) {
+  auto z = tt::prismwithtet();
+  z.faces[1].nodes = {2, 5, 4, 1};
+  auto g = build(3, {z});
+  run(g);
+  const tt::json r = read("t.plt");
+  ASSERT_EQ(r["zones"].size(), 2u);
+  ASSERT_EQ(r["zones"][1]["cells"].integer(), 1);
+  expectelement(r["zones"][1]["elements"][0], "hexahedron", {3, 3, 6, 6, 2, 1, 4, 5}, 0.5);
 }
 
 TEST_F(tecplotvtk, SeveralZonesReadBackZoneByZone) {

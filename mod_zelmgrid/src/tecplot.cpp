@@ -133,11 +133,12 @@ bool cellknown(const farray<int, 2>& iface, index_t ic, int slots, int iz) {
   return false;
 }
 
-// Whether face f has node slots 1 .. slots in ifnode; reports it when not.
+// Whether face f has node slots 1 .. slots in ifnode; reports it when not (for cell ic, or for the
+// body surface when ic is 0).
 bool faceknown(const farray<int, 2>& ifnode, int f, int slots, int iz, index_t ic) {
   if (within(ifnode, slots, f)) return true;
-  leftout(zonetext(iz) + " cell " + std::to_string(ic) + ": face " + std::to_string(f) +
-          " (node slots 1 to " + std::to_string(slots) + ") is outside ifnode (" +
+  leftout(zonetext(iz) + (ic > 0 ? " cell " + std::to_string(ic) : std::string(" body surface")) + ": face " +
+          std::to_string(f) + " (node slots 1 to " + std::to_string(slots) + ") is outside ifnode (" +
           std::to_string(ifnode.extent(1)) + " slots, " + std::to_string(ifnode.extent(2)) + " faces)");
   return false;
 }
