@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 
@@ -1433,4 +1434,40 @@ TEST_F(tecplotvtk, BodyPointZoneWithIZeroKeepsTheReaderFromFinishing) {
   ASSERT_EQ(filelines("t.plt").back(), bodypointheader(1, 0));
   const tt::vtkrun r = tt::runvtk((dir_ / "t.plt").string(), 5);
   EXPECT_EQ(r.status, 124) << r.output;
+}
+
+TEST_F(tecplotvtk, ThreeDimensionalBodyWithMfpczThreeIsATriangleSurface) {
+  // mfpcz 3 in zone 1 and 4 in an empty zone 2 (so that iface has room for the tetrahedra's four
+  // faces): zone 1's body header ends in TRIANGLE, and its faces' three numbers are well formed.
+  auto z = tt::tetstar();
+  z.mfpc = 3;
+  tt::zone empty;
+  empty.mfpc = 4;
+  auto g = build(3, {z, empty}, 6, true);
+  run(g);
+  EXPECT_EQ(err, "");
+  const strings lines = filelines("t.plt");
+  const strings header = bodysurfaceheader(1, 4, 4, "TRIANGLE");
+  const auto at = std::search(lines.begin(), lines.end(), header.begin(), header.end());
+  ASSERT_NE(at, lines.end());
+  const auto zone2 = at + 2 + 4 * 3 + 4;
+  ASSERT_LT(zone2, lines.end());
+  EXPECT_EQ(*zone2, " ZONE  T= \"Tet-Zone   2\"  N=         0 , E=         0 , F=FEPOINT, ET=TETRAHEDRON");
+  // The reader on zone 1's part of the file.
+  std::string part;
+  for (auto l = lines.begin(); l != zone2; ++l) part += *l + "\n";
+  zt::writefile("zone1.plt", part);
+  const tt::json r = read("zone1.plt");
+  EXPECT_EQ(r["messages"].str, "");
+  ASSERT_EQ(r["zones"].size(), 2u);
+  const tt::json& b = r["zones"][1];
+  EXPECT_EQ(b["name"].str, "Body            1 ");
+  expectcoords(b, g, {1, 2, 3, 4});
+  ASSERT_EQ(b["cells"].integer(), 4);
+  expectelement(b["elements"][0], "triangle", {1, 2, 3}, 0.5);
+  expectelement(b["elements"][1], "triangle", {1, 2, 4}, 0.5);
+  expectelement(b["elements"][2], "triangle", {1, 3, 4}, 0.5);
+  expectelement(b["elements"][3], "triangle", {2, 3, 4}, std::sqrt(3.0) / 2);
+  // The whole file, with zone 2's empty zones (N= 0), keeps the reader from finishing.
+  EXPECT_EQ(tt::runvtk((dir_ / "t.plt").string(), 5).status, 124);
 }
