@@ -30,7 +30,7 @@
 //       that ipf does not hold is written as 0 in connectivity records; a body face beyond ibf is
 //       left out; a node beyond ifcell's columns gets no node-use code (it is then in no element
 //       zone), a cell beyond them no type code.
-//     Counts (cells, faces, nodes) are still counted as described, so a header may then announce
+//     Counts (cells, faces, nodes) are counted all the same, so a header may then announce
 //     more records than follow.
 #include "tecplot.hpp"
 
