@@ -273,7 +273,7 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 // The header reader reads all zones' counts with one statement, so the line breaks do not matter:
-// one value a line, several zones on one line, or the writer's own wrapping.
+// one value a line, several zones on one line, or a record continued over lines.
 TEST_F(gridfiles, FormattedZoneCountsOnAnyLinesAreReadTheSameByTheHeaderReader) {
   const std::string texts[] = {
       " 3 2 9\n 4\n 3\n 1\n 3\n 5\n 5\n 4\n 2\n 4\n 6\n",

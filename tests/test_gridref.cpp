@@ -202,7 +202,7 @@ TEST_F(gfortranreference, FormattedFilesAreReadBothWays) {
   EXPECT_EQ(zt::services().readerrors, 0) << zt::services().lastdetail;
   expectsamegrid(r, g);
 
-  // The writer's zone counts wrap where the list-directed output does; gfortran reads them with one
+  // The writer puts every zone's counts on one line; gfortran reads them with one
   // statement, as the header reader does.
   g.write("ours.txt", formatted, 0);
   EXPECT_EQ(gfortranreads("gridref", formatted, false, "ours.txt"), zt::dump(g, false));

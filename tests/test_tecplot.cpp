@@ -73,10 +73,9 @@ const std::string variables3 = " VARIABLES = \"X\",\"Y\",\"Z\",\"RHO\",\"U\",\"V
 std::string bodypointheader(int iz, int n) {
   return " ZONE  T= \"Body " + ld(iz) + " \" F=POINT, I= " + ld(n);
 }
-// The three-dimensional body header: one list-directed record that continues on a second line.
+// The three-dimensional body header: one list-directed record.
 strings bodysurfaceheader(int iz, int n, int e, const std::string& et) {
-  return {" ZONE  T= \"Body " + ld(iz) + " \"  N= " + ld(n) + "  , E= " + ld(e) + "  ,",
-          "  F=FEPOINT, ET=" + et};
+  return {" ZONE  T= \"Body " + ld(iz) + " \"  N= " + ld(n) + "  , E= " + ld(e) + "  , F=FEPOINT, ET=" + et};
 }
 
 void expectlines(const strings& got, const strings& want) {
@@ -588,7 +587,7 @@ TEST_F(tecplot, PrismWhoseFirstQuadrilateralEdgeJoinsTheTrianglesGivesTheSameBri
   const strings brick = tt::intrecord({3, 3, 6, 6, 2, 1, 4, 5});
   const auto at = std::find(lines.begin(), lines.end(), brick[0]);
   ASSERT_NE(at, lines.end());
-  EXPECT_EQ(*(at + 1), brick[1]);
+  EXPECT_EQ(brick.size(), 1u);
 }
 
 TEST_F(tecplot, SixFaceCellWithoutTrianglesIsWrittenFromThePreviousPrismsTriangles) {
@@ -614,10 +613,8 @@ TEST_F(tecplot, SixFaceCellWithoutTrianglesIsWrittenFromThePreviousPrismsTriangl
   const strings hexahedron = tt::intrecord({0, 0, 0, 0, 7, 10, 9, 8});
   const auto at = std::find(lines.begin(), lines.end(), prism[0]);
   ASSERT_NE(at, lines.end());
-  ASSERT_LT(at + 3, lines.end());
-  EXPECT_EQ(*(at + 1), prism[1]);
-  EXPECT_EQ(*(at + 2), hexahedron[0]);
-  EXPECT_EQ(*(at + 3), hexahedron[1]);
+  ASSERT_LT(at + 1, lines.end());
+  EXPECT_EQ(*(at + 1), hexahedron[0]);
   EXPECT_TRUE(contains(err, "zone 1: node 0 is outside ipf (10 nodes) and is written as 0: left out")) << err;
 }
 
@@ -665,8 +662,8 @@ TEST_F(tecplot, NodeSharedByTetrahedronAndPrismIsWrittenInBothZonesWithItsOwnNum
   ASSERT_NE(prismzone, lines.end());
   // Node 5 (1, 0, 1) is the tet zone's node 2 and the prism zone's node 5.
   const strings node5 = tt::noderecord(g, 5, 6);
-  EXPECT_TRUE(std::equal(node5.begin(), node5.end(), tetzone + 1 + 3 * 1));
-  EXPECT_TRUE(std::equal(node5.begin(), node5.end(), prismzone + 1 + 3 * 4));
+  EXPECT_TRUE(std::equal(node5.begin(), node5.end(), tetzone + 1 + 1));
+  EXPECT_TRUE(std::equal(node5.begin(), node5.end(), prismzone + 1 + 4));
   // The codes left in ifcell: cell 1 a tetrahedron, cell 2 a prism; nodes 4 5 6 shared (3),
   // 1 2 3 prism only (2), 7 tetrahedron only (1).
   EXPECT_EQ(g.ifcell(1, 1), 1);
@@ -682,10 +679,10 @@ TEST_F(tecplot, ThreeDimensionalZoneWithMfpczFiveGetsNoBodyHeaderButItsBodyRecor
   run(g);
   const strings lines = filelines("t.plt");
   for (const auto& l : lines) EXPECT_FALSE(contains(l, "Body")) << l;
-  // After the brick: three body node records (three lines each) and seven face records.
-  const auto brick = std::find(lines.begin(), lines.end(), tt::intrecord({3, 3, 6, 6, 1, 2, 5, 4})[1]);
+  // After the brick: three body node records and seven face records.
+  const auto brick = std::find(lines.begin(), lines.end(), tt::intrecord({3, 3, 6, 6, 1, 2, 5, 4})[0]);
   ASSERT_NE(brick, lines.end());
-  EXPECT_EQ(lines.end() - brick - 1, 3 * 3 + 7);
+  EXPECT_EQ(lines.end() - brick - 1, 3 + 7);
 }
 
 TEST_F(tecplot, SixFaceCellIsReportedAmongThePrisms) {
@@ -1450,7 +1447,7 @@ TEST_F(tecplotvtk, ThreeDimensionalBodyWithMfpczThreeIsATriangleSurface) {
   const strings header = bodysurfaceheader(1, 4, 4, "TRIANGLE");
   const auto at = std::search(lines.begin(), lines.end(), header.begin(), header.end());
   ASSERT_NE(at, lines.end());
-  const auto zone2 = at + 2 + 4 * 3 + 4;
+  const auto zone2 = at + 1 + 4 + 4;  // the header, four node records, four faces
   ASSERT_LT(zone2, lines.end());
   EXPECT_EQ(*zone2, " ZONE  T= \"Tet-Zone   2\"  N=         0 , E=         0 , F=FEPOINT, ET=TETRAHEDRON");
   // The reader on zone 1's part of the file.

@@ -149,41 +149,26 @@ inline zone prismwithtet() {
 
 // ---- expected text -----------------------------------------------------------------------------
 
-// A list-directed record of 8-byte reals: one blank, then each value in 23 columns after a blank,
-// three values to a line.
+// A list-directed record of 8-byte reals: one line, each value in 23 columns after a blank.
 inline std::vector<std::string> realrecord(const std::vector<double>& v) {
-  std::vector<std::string> out;
   std::string line;
-  for (std::size_t i = 0; i < v.size(); ++i) {
-    if (i % 3 == 0) {
-      if (i > 0) out.push_back(line);
-      line = " ";
-    } else {
-      line += ' ';
-    }
+  for (double x : v) {
     char b[40];
-    std::snprintf(b, sizeof b, "%23.16E", v[i]);
+    std::snprintf(b, sizeof b, " %23.16E", x);
     line += b;
   }
-  out.push_back(line);
-  return out;
+  return {line};
 }
 
-// A list-directed record of integers: each in 12 columns (a blank, then 11), six to a line.
+// A list-directed record of integers: one line, each in 12 columns (a blank, then 11).
 inline std::vector<std::string> intrecord(const std::vector<int>& v) {
-  std::vector<std::string> out;
   std::string line;
-  for (std::size_t i = 0; i < v.size(); ++i) {
-    if (i % 6 == 0 && i > 0) {
-      out.push_back(line);
-      line.clear();
-    }
+  for (int x : v) {
     char b[24];
-    std::snprintf(b, sizeof b, i % 6 == 0 ? "%12d" : " %11d", v[i]);
+    std::snprintf(b, sizeof b, " %11d", x);
     line += b;
   }
-  out.push_back(line);
-  return out;
+  return {line};
 }
 
 // The node record of node n of g: coordinates, then `nvals` solution values.
