@@ -294,6 +294,21 @@ TEST_F(encoding, ListReadRejectsWhatDoesNotParse) {
   EXPECT_NE(io::lastreaderror().find("line 2"), std::string::npos) << io::lastreaderror();
 }
 
+TEST_F(encoding, AValueThatDoesNotParseLeavesItsItemUnchanged) {
+  zt::writefile("f.txt", "12abc\n1.5x\n1.5.5\n");
+  io::open(u1, "f.txt", "formatted", "old");
+  auto& u = io::getunit(u1);
+  int i = 7;
+  float f = 2.5f;
+  double d = 3.5;
+  EXPECT_EQ(io::listread(u, i), rstat::error);
+  EXPECT_EQ(io::listread(u, f), rstat::error);
+  EXPECT_EQ(io::listread(u, d), rstat::error);
+  EXPECT_EQ(i, 7);
+  EXPECT_EQ(f, 2.5f);
+  EXPECT_EQ(d, 3.5);
+}
+
 TEST_F(encoding, ListOutputLayout) {
   io::open(u1, "f.txt", "formatted", "unknown");
   auto& u = io::getunit(u1);

@@ -27,12 +27,16 @@ bool isseparator(char c) {
   return c == ' ' || c == ',' || c == '/' || c == '\n' || c == '\t' || c == '\r';
 }
 
+// The parsers store into v only a value that parsed whole: a failed item keeps its value.
 bool parseinteger(std::string_view t, int& v) {
   const char* b = t.data();
   const char* e = b + t.size();
   if (b < e && *b == '+') ++b;
-  const auto r = std::from_chars(b, e, v);
-  return r.ec == std::errc() && r.ptr == e && b < e;
+  int x = 0;
+  const auto r = std::from_chars(b, e, x);
+  if (r.ec != std::errc() || r.ptr != e || b == e) return false;
+  v = x;
+  return true;
 }
 
 // Rewrites the Fortran forms that from_chars does not take (a leading plus, D or Q exponent
@@ -61,17 +65,23 @@ bool parsereal(std::string_view t, T& v) {
   const char* e = b + t.size();
   if (b < e && *b == '+') ++b;
   if (b == e) return false;
-  const auto r = std::from_chars(b, e, v, std::chars_format::general);
-  if (r.ec == std::errc() && r.ptr == e) return true;
+  T x{};
+  const auto r = std::from_chars(b, e, x, std::chars_format::general);
+  if (r.ec == std::errc() && r.ptr == e) {
+    v = x;
+    return true;
+  }
   char buf[160];
   if (!normalisereal(std::string_view(b, static_cast<std::size_t>(e - b)), buf, sizeof buf)) return false;
   char* end = nullptr;
   // strtof/strtod also give the IEEE result for values out of range (infinity, subnormals).
   if constexpr (std::is_same_v<T, float>)
-    v = std::strtof(buf, &end);
+    x = std::strtof(buf, &end);
   else
-    v = std::strtod(buf, &end);
-  return end != buf && *end == '\0';
+    x = std::strtod(buf, &end);
+  if (end == buf || *end != '\0') return false;
+  v = x;
+  return true;
 }
 
 const char* kindname(int k) {
