@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -82,6 +83,35 @@ constexpr const char* samplehelp = R"(usage: zelm sample DIR
 Writes the sample data into DIR: a 2D grid of quadrilaterals and triangles and a 3D grid
 of tetrahedra and prisms, each with a pix solution of a smooth flow, in several encodings.
 )";
+
+// Progress of long work, on standard error when it is a terminal and --quiet was not given.
+bool showprogress = false;
+
+class stage {
+ public:
+  explicit stage(const std::string& what) : start_(std::chrono::steady_clock::now()) {
+    if (showprogress) std::fprintf(stderr, "%s ...", what.c_str());
+  }
+  ~stage() {
+    if (!showprogress) return;
+    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    std::fprintf(stderr, " %.2f s\n", s);
+  }
+  stage(const stage&) = delete;
+  stage& operator=(const stage&) = delete;
+
+ private:
+  std::chrono::steady_clock::time_point start_;
+};
+
+std::string sized(const std::string& path) {
+  std::error_code ec;
+  const auto n = fs::file_size(path, ec);
+  if (ec) return path;
+  char b[64];
+  std::snprintf(b, sizeof b, " (%.1f MB)", static_cast<double>(n) / 1e6);
+  return path + b;
+}
 
 struct failure {
   std::string message;
@@ -283,19 +313,35 @@ int convert(const args& a) {
   if (!d.problems.empty()) die("\"" + in + "\" does not fit the grid: " + d.problems.front());
   std::int64_t narrowed = 0;
   writeatomically(out, a.has("--force"), [&](const std::string& tmp) {
+    const std::string reading = "reading " + sized(in), writing = "writing " + out;
     if (d.kind == filekind::grid) {
-      const auto g = zelm::readgrid(in, d.format());
+      zelm::grid g;
+      {
+        stage s(reading);
+        g = zelm::readgrid(in, d.format());
+      }
       if (!to.dblprec) narrowed = lost(g.x);
+      stage s(writing);
       zelm::writegrid(tmp, to, g);
     } else if (d.kind == filekind::restart) {
       const int nvar = a.has("--nvar") ? std::atoi(a.get("--nvar").c_str()) : d.nvar;
       if (nvar < 0) die("the number of restart variables cannot be found from \"" + in + "\": give --nvar");
-      const auto r = zelm::readrestart(in, d.format(), grid->cellsperzone(), nvar);
+      zelm::restart r;
+      {
+        stage s(reading);
+        r = zelm::readrestart(in, d.format(), grid->cellsperzone(), nvar);
+      }
       if (!to.dblprec) narrowed = lost(r.q);
+      stage s(writing);
       zelm::writerestart(tmp, to, r, grid->cellsperzone());
     } else {
-      const auto p = zelm::readpix(in, d.format(), grid->nodesperzone());
+      zelm::pix p;
+      {
+        stage s(reading);
+        p = zelm::readpix(in, d.format(), grid->nodesperzone());
+      }
       if (!to.dblprec) narrowed = lost(p.values);
+      stage s(writing);
       zelm::writepix(tmp, to, p, grid->nodesperzone());
     }
   });
@@ -383,7 +429,11 @@ int exportgrid(const args& a) {
   if (a.positional.size() != 1) die("export takes one grid file (see zelm export --help)", 2);
   if (!a.has("-o")) die("export needs an output file: -o OUT.dat", 2);
   const fs::path out = a.get("-o");
-  const auto g = loadgrid(a.positional[0], false);
+  zelm::grid g;
+  {
+    stage s("reading " + sized(a.positional[0]));
+    g = loadgrid(a.positional[0], false);
+  }
   if (g.ndim != 2 && g.ndim != 3)
     die("the Tecplot export takes 2D or 3D grids; this grid has ndim " + std::to_string(g.ndim));
   std::optional<zelm::pix> p;
@@ -413,7 +463,10 @@ int exportgrid(const args& a) {
   mod_zelmgrid::io::setfailurehandler(throwingfailure);
   mod_zelmgrid::io::setstophandler(throwingstop);
   for (std::size_t k = 0; k < g.zones.size(); ++k) {
-    exportzone(g, k, p ? &p->values : nullptr, outs[k]);
+    {
+      stage s("exporting zone " + std::to_string(k + 1) + " to " + outs[k].string());
+      exportzone(g, k, p ? &p->values : nullptr, outs[k]);
+    }
     std::printf("wrote %s (zone %zu: %d nodes, %d cells)\n", outs[k].c_str(), k + 1, g.zones[k].nodes,
                 g.zones[k].cells);
   }
@@ -457,12 +510,22 @@ int sample(const args& a) {
     p.labels = {"speed"};
     p.values.allocate(values.extent(1), values.extent(2));
     for (fortran::index_t i = 0; i < values.size(); ++i) p.values.data()[i] = values.data()[i];
+    // The cell solution of a restart file: five conserved variables at the cell centres.
+    const auto cellvalues = zelmgen::cellsolution(s.g, 5);
+    zelm::restart r;
+    r.dtime = 0.125, r.lastcyc = 400, r.rstype = 1, r.dgamma = 1.4, r.drgas = 287.05, r.dr0 = 1.225,
+    r.drm0 = 0.5;
+    r.dp0 = 101325.0;
+    r.q.allocate(cellvalues.extent(1), cellvalues.extent(2));
+    for (fortran::index_t i = 0; i < cellvalues.size(); ++i) r.q.data()[i] = cellvalues.data()[i];
     for (auto [enc, suffix] :
          {std::pair{zelm::encoding::unformatted, "unf"}, std::pair{zelm::encoding::formatted, "txt"}}) {
       const std::string base = (dir / s.name).string();
       zelm::writegrid(base + "-grid." + suffix, {enc, false}, g);
       zelm::writepix(base + "-pix." + suffix, {enc, false}, p, g.nodesperzone());
-      std::printf("wrote %s-grid.%s and %s-pix.%s\n", base.c_str(), suffix, base.c_str(), suffix);
+      zelm::writerestart(base + "-restart." + suffix, {enc, false}, r, g.cellsperzone());
+      std::printf("wrote %s-grid.%s, %s-pix.%s and %s-restart.%s\n", base.c_str(), suffix, base.c_str(),
+                  suffix, base.c_str(), suffix);
     }
   }
   return 0;
@@ -477,6 +540,7 @@ int main(int argc, char** argv) {
     quiet = true;
     ++first;
   }
+  showprogress = !quiet && ::isatty(2) != 0;
   if (quiet) {
     mod_zelmgrid::io::setstdout(nullptr);
     mod_gridvars::announcements = nullptr;

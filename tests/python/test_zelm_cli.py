@@ -198,3 +198,28 @@ def test_export_refuses_to_overwrite_and_leaves_nothing_half_written(tmp_path):
             os.path.join(examples, "flow2d-pix.unf"), "-o", str(tmp_path / "x.dat"))
     assert p.returncode == 1 and "does not fit the grid" in p.stderr
     assert not (tmp_path / "x.dat").exists()
+
+
+@pytest.mark.parametrize("enc", ENCODINGS)
+@pytest.mark.parametrize("prec", PRECISIONS)
+def test_restart_files_are_recognised_and_their_variables_counted(samples, tmp_path, enc, prec):
+    grid = str(samples / "flow2d-grid.unf")
+    r = str(tmp_path / "r")
+    run("convert", str(samples / "flow2d-restart.unf"), r, "--encoding", enc, "--precision", prec, "--grid", grid,
+        check=0)
+    out = run("info", r, "--grid", grid, check=0).stdout
+    assert "restart file" in out.splitlines()[0]
+    assert field(out, "encoding").startswith(enc)
+    assert field(out, "precision") == ("8-byte reals" if prec == "double" else "4-byte reals")
+    assert "5 variable(s) of 576 cells in 2 zone(s)" in out
+    assert "fits the grid" in out
+    back = str(tmp_path / "back")
+    run("convert", r, back, "--encoding", "unformatted", "--precision", "single", "--grid", grid, check=0)
+    with open(samples / "flow2d-restart.unf", "rb") as a, open(back, "rb") as b:
+        assert a.read() == b.read()
+
+
+def test_restart_file_against_the_wrong_grid(samples):
+    p = run("info", str(samples / "flow2d-restart.unf"), "--grid", str(samples / "flow3d-grid.unf"))
+    assert p.returncode == 1 and "DOES NOT FIT" in p.stdout
+    assert "but zone 1 of the grid has 1,536 cells (6,144 bytes)" in p.stdout
