@@ -30,6 +30,9 @@
 
 namespace mod_zelmgrid {
 
+using detail::israw;
+using detail::openbycode;
+using detail::zoneplacement;
 using fortran::index_t;
 using io::rstat;
 
@@ -44,37 +47,6 @@ constexpr int pixlevel = 100;
 constexpr int fixedvars = 6;        // variables 1 .. 6 are always present
 constexpr int firstfreevar = 7;     // the call for this variable carries the free count and labels
 constexpr index_t labelslots = 20;  // strfree(1) .. strfree(20)
-
-bool israw(int filetype) {
-  return filetype == unformatted || filetype == binary;
-}
-
-// Opens `unit` as the file-type code says, saving the encoding word in `fileformat` for the raw
-// forms; false for an unknown code, which opens nothing.
-bool openbycode(int unit, const char40& filename, int filetype, char40& fileformat, const char* status) {
-  if (israw(filetype)) {
-    fileformat = detail::formword(filetype);
-    io::open(unit, filename.trimmed(), fileformat.trimmed(), status);
-    return true;
-  }
-  if (filetype == formatted) {
-    io::open(unit, filename.trimmed(), "formatted", status);
-    return true;
-  }
-  return false;
-}
-
-// Zone placement. ioff is where the current zone starts; after a zone has been transferred,
-// advance() computes the next start from the zones before the one just transferred, so that zones
-// 1 and 2 start at column 1 and zone iz >= 3 right after zones 1 .. iz-2.
-struct zoneplacement {
-  index_t ioff = 1;
-  index_t before = 0;  // nptsz summed over the zones before the one being transferred
-  void advance(int count) {
-    ioff = 1 + before;
-    before += count;
-  }
-};
 
 // Whether node columns col .. col+n-1 of row `row` lie inside `a` (always true for no values).
 template <class T>
