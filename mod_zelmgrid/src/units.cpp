@@ -22,27 +22,13 @@ constexpr std::size_t stdoutbuffer = std::size_t{1} << 16;
 constexpr int stdoutunit = 6;
 constexpr int largestunit = 99999;
 
-int sysopen(const char* p, int flags, int mode) {
-  return ::open(p, flags, mode);
-}
-long sysread(int fd, void* b, std::size_t n) {
-  return ::read(fd, b, n);
-}
-long syswrite(int fd, const void* b, std::size_t n) {
-  return ::write(fd, b, n);
-}
-long syspwrite(int fd, const void* b, std::size_t n, std::int64_t o) {
-  return ::pwrite(fd, b, n, o);
-}
-std::int64_t syslseek(int fd, std::int64_t o, int w) {
-  return ::lseek(fd, o, w);
-}
-int sysftruncate(int fd, std::int64_t l) {
-  return ::ftruncate(fd, l);
-}
-int sysclose(int fd) {
-  return ::close(fd);
-}
+int sysopen(const char* p, int flags, int mode) { return ::open(p, flags, mode); }
+long sysread(int fd, void* b, std::size_t n) { return ::read(fd, b, n); }
+long syswrite(int fd, const void* b, std::size_t n) { return ::write(fd, b, n); }
+long syspwrite(int fd, const void* b, std::size_t n, std::int64_t o) { return ::pwrite(fd, b, n, o); }
+std::int64_t syslseek(int fd, std::int64_t o, int w) { return ::lseek(fd, o, w); }
+int sysftruncate(int fd, std::int64_t l) { return ::ftruncate(fd, l); }
+int sysclose(int fd) { return ::close(fd); }
 
 const sysapi realcalls{sysopen, sysread, syswrite, syspwrite, syslseek, sysftruncate, sysclose};
 sysapi calls = realcalls;
@@ -56,9 +42,7 @@ void defaultfailure(const std::string& message) {
   std::fprintf(stderr, "zelmgrid: I/O error: %s\n", message.c_str());
   std::exit(2);
 }
-void defaultstop() {
-  std::exit(0);
-}
+void defaultstop() { std::exit(0); }
 
 failurehandler onfailure = defaultfailure;
 stophandler onstop = defaultstop;
@@ -85,9 +69,7 @@ std::string lower(std::string_view s) {
   return r;
 }
 
-std::string quoted(std::string_view s) {
-  return '"' + std::string(s) + '"';
-}
+std::string quoted(std::string_view s) { return '"' + std::string(s) + '"'; }
 
 }  // namespace
 
@@ -127,25 +109,13 @@ void stop() {
   std::abort();
 }
 
-sysapi& sys() {
-  return calls;
-}
-const sysapi& realsys() {
-  return realcalls;
-}
+sysapi& sys() { return calls; }
+const sysapi& realsys() { return realcalls; }
 
-void setmaxsubrecord(std::int32_t bytes) {
-  maxsub = bytes > 0 ? bytes : 2147483639;
-}
-std::int32_t maxsubrecord() {
-  return maxsub;
-}
-void setstdout(std::FILE* f) {
-  stdoutsink = f;
-}
-const std::string& lastreaderror() {
-  return lasterror;
-}
+void setmaxsubrecord(std::int32_t bytes) { maxsub = bytes > 0 ? bytes : 2147483639; }
+std::int32_t maxsubrecord() { return maxsub; }
+void setstdout(std::FILE* f) { stdoutsink = f; }
+const std::string& lastreaderror() { return lasterror; }
 
 // ---- unit -------------------------------------------------------------------------------------
 
@@ -176,8 +146,8 @@ void unit::failure(const std::string& message) const {
 
 void unit::oserror(const char* action, int err) const {
   const std::string where = number_ < 0 ? "" : "unit " + std::to_string(number_) + ", ";
-  failure(std::string("cannot ") + action + " " + quoted(path_) + " (" + where + formname(form_) +
-          "): " + std::strerror(err));
+  failure(std::string("cannot ") + action + " " + quoted(path_) + " (" + where + formname(form_) + "): " +
+          std::strerror(err));
 }
 
 void unit::openfile(std::string_view file, form f, bool create) {
@@ -196,10 +166,8 @@ void unit::connect(const std::string& name, form f, bool create) {
   struct stat sb {};
   const bool exists = ::stat(name.c_str(), &sb) == 0;
   if (!create && !exists)
-    failure("cannot open " + quoted(name) + on + " as " + formname(f) +
-            " (status \"old\"): " + std::strerror(ENOENT));
-  if (exists && S_ISDIR(sb.st_mode))
-    failure("cannot open " + quoted(name) + on + ": " + std::strerror(EISDIR));
+    failure("cannot open " + quoted(name) + on + " as " + formname(f) + " (status \"old\"): " + std::strerror(ENOENT));
+  if (exists && S_ISDIR(sb.st_mode)) failure("cannot open " + quoted(name) + on + ": " + std::strerror(EISDIR));
   int fd = calls.open(name.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
   if (fd < 0 && !create && (errno == EACCES || errno == EROFS))
     fd = calls.open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);  // readable only: enough for reading
@@ -430,8 +398,7 @@ void open(int number, std::string_view file, std::string_view formword, std::str
   }
   if (exists) {
     for (auto& other : table().units)
-      if (other && other.get() != &u && other->fd_ >= 0 && other->dev_ == sb.st_dev &&
-          other->ino_ == sb.st_ino)
+      if (other && other.get() != &u && other->fd_ >= 0 && other->dev_ == sb.st_dev && other->ino_ == sb.st_ino)
         fail("cannot open " + quoted(name) + " on " + unitname + ": the file is already connected to unit " +
              std::to_string(other->number_));
   }
