@@ -496,11 +496,11 @@ int sample(const args& a) {
   if (a.positional.size() != 1) die("sample takes a folder (see zelm sample --help)", 2);
   const fs::path dir = a.positional[0];
   fs::create_directories(dir);
-  struct spec {
+  struct samplegrid {
     const char* name;
     zelmgen::grid g;
   };
-  spec grids[] = {{"flow2d", zelmgen::quadtri(16, 12, false, 2)}, {"flow3d", zelmgen::tetprism(8, 8, 6, 3)}};
+  samplegrid grids[] = {{"flow2d", zelmgen::quadtri(16, 12, false, 2)}, {"flow3d", zelmgen::tetprism(8, 8, 6, 3)}};
   for (auto& s : grids) {
     const auto g = typed(s.g);
     const auto values = zelmgen::nodesolution(s.g, 1);
