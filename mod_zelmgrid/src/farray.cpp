@@ -12,6 +12,7 @@
 namespace fortran {
 
 int allocationfill = -1;
+std::size_t allocationlimit = SIZE_MAX;
 
 namespace detail {
 

@@ -157,7 +157,12 @@ void readzelmgrid(const char40& filename, const int& filetype, const logical& db
           return detail::outofbounds(u, "zone " + std::to_string(k) + "'s " + std::to_string(n) +
                                             " nodes do not fit the coordinate array");
       }
-      for (index_t i = 0; i < n; ++i) {
+      // With no coordinates (ndim 0 or less) a node record of the unframed encoding is empty: the
+      // zone's records take no bytes, and are passed over at once rather than one by one (a count
+      // near the largest integer would otherwise keep the reader busy for minutes).
+      const bool emptyrecords = n > 0 && ndim <= 0 && filetype == binary;
+      if (emptyrecords) u.records += n;
+      for (index_t i = emptyrecords ? n : 0; i < n; ++i) {
         u.context = {"zone", k, "node", i + 1};
         const rstat st =
             wide ? readrecord(u, filetype, io::items(x8.data() + (node + i - 1) * x8.extent(1), ndim))
@@ -229,6 +234,11 @@ void writezelmgrid(const char40& filename, const int& filetype, const logical& d
   farray<double, 2> x8;  // widened coordinates, prepared before anything is opened
   if (wide) {
     mod_gridvars::checkallocationerror(x8.allocate(x.extent(1), x.extent(2)));
+    // Without the copy there is nothing to write the coordinates from: the run ends before the
+    // file is opened.
+    detail::requirearray(x8.allocated() || nnodes == 0 || ndim <= 0, routine,
+                         "no memory for the 8-byte copy of x (" + std::to_string(x.extent(1)) + " x " +
+                             std::to_string(x.extent(2)) + ")");
     if (x8.allocated())
       for (index_t i = 0; i < x.size(); ++i) x8.data()[i] = x.data()[i];
   }

@@ -167,9 +167,11 @@ bool readvalues(io::unit& u, bool text, farray<T, 2>& a, index_t row, index_t co
   return true;
 }
 
-bool zonesknown(io::unit& u, int nzones, const farray<int, 1>& nptsz) {
+// The records of variable ivar need a node count for every zone: without one, the record of the
+// first zone that has none is reported as failed before anything is read.
+bool zonesknown(io::unit& u, int nzones, const farray<int, 1>& nptsz, int ivar) {
   if (nptsz.extent(1) >= nzones) return true;
-  u.context = {};
+  u.context = {"variable", ivar, "zone", nptsz.extent(1) + 1};
   detail::outofbounds(u, "nptsz holds " + std::to_string(nptsz.extent(1)) + " node counts for " +
                              std::to_string(nzones) + " zones");
   return false;
@@ -262,7 +264,7 @@ void readzelmpixfile(const char40& filename, const int& filetype, const logical&
 
   // Pass 1: the header, then the fixed variables passed over to reach the free count.
   if (readheader(u, text, wide, h4) != rstat::ok) return detail::readfailed();
-  if (!zonesknown(u, nzones, nptsz)) return;
+  if (!zonesknown(u, nzones, nptsz, 1)) return;
   for (int ivar = 1; ivar <= fixedvars; ++ivar) {
     for (int iz = 1; iz <= nzones; ++iz) {
       u.context = {"variable", ivar, "zone", iz};
@@ -338,7 +340,7 @@ void readzelmpixfile(const char40& filename, const int& filetype, const logical&
     // Every row of pix, node columns 1 .. nptot, rounded to 4-byte reals.
     const index_t rows = pix.extent(1);
     if (rows > 0 && nptot > 0 && (pix.extent(2) < nptot || work.extent(1) < rows || work.extent(2) < nptot)) {
-      u.context = {};
+      u.context = {"8-byte values of variables 1 to", rows};
       return detail::outofbounds(
           u, "the 8-byte values (" + shape(work.extent(1), work.extent(2), work.allocated()) +
                  ") do not cover the value array (" + shape(rows, pix.extent(2), pix.allocated()) + ") for " +
@@ -365,7 +367,7 @@ void readnextzelmpixvar(const int& ivar, const char40& filename, const int& file
     if (readrecord(u, text, nfree) != rstat::ok) return detail::readfailed();
     if (readlabels(u, text) != rstat::ok) return detail::readfailed();
   }
-  if (!zonesknown(u, nzones, nptsz)) return;
+  if (!zonesknown(u, nzones, nptsz, ivar)) return;
 
   // A file of 8-byte reals is read through a one-row work array of 4-byte reals: the records are
   // read as 4-byte values, whatever the writer put there.

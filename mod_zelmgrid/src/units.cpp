@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "zelmgrid/io.hpp"
@@ -70,6 +71,25 @@ std::string lower(std::string_view s) {
 }
 
 std::string quoted(std::string_view s) { return '"' + std::string(s) + '"'; }
+
+// One released file buffer kept for the next connection: a program that opens and closes files in
+// turn then allocates a buffer once.
+char* sparebuffer = nullptr;
+struct sparerelease {
+  ~sparerelease() { std::free(sparebuffer); }
+} sparereleaser;
+
+char* takebuffer() {
+  if (sparebuffer != nullptr) return std::exchange(sparebuffer, nullptr);
+  return static_cast<char*>(std::malloc(filebuffer));
+}
+void givebackbuffer(char* b, std::size_t cap) {
+  if (b == nullptr) return;
+  if (sparebuffer == nullptr && cap == filebuffer)
+    sparebuffer = b;
+  else
+    std::free(b);
+}
 
 }  // namespace
 
@@ -144,10 +164,32 @@ void unit::failure(const std::string& message) const {
   fail(message);
 }
 
-void unit::oserror(const char* action, int err) const {
+void unit::oserror(const char* action, int err) {
   const std::string where = number_ < 0 ? "" : "unit " + std::to_string(number_) + ", ";
-  failure(std::string("cannot ") + action + " " + quoted(path_) + " (" + where + formname(form_) + "): " +
-          std::strerror(err));
+  const std::string message = std::string("cannot ") + action + " " + quoted(path_) + " (" + where +
+                              formname(form_) + "): " + std::strerror(err);
+  // The file is in no known state: the connection is dropped (buffered data with it) before the
+  // failure is reported, so that a host whose handler throws finds the unit closed and can go on.
+  abandon();
+  failure(message);
+}
+
+void unit::abandon() {
+  if (fd_ >= 0) (void)calls.close(fd_);
+  fd_ = -1;
+  if (!tostdout_) {
+    givebackbuffer(buf_, cap_);
+    buf_ = nullptr;
+    cap_ = 0;
+    form_ = form::none;
+    path_.clear();
+    dev_ = ino_ = 0;
+    bufstart_ = 0;
+    mode_ = mode::idle;
+    truncated_ = false;
+    records = lines = 0;
+  }
+  rpos_ = rend_ = wlen_ = 0;
 }
 
 void unit::openfile(std::string_view file, form f, bool create) {
@@ -184,7 +226,7 @@ void unit::connect(const std::string& name, form f, bool create) {
     dev_ = fb.st_dev;
     ino_ = fb.st_ino;
   }
-  buf_ = static_cast<char*>(std::malloc(filebuffer));
+  buf_ = takebuffer();
   if (buf_ == nullptr) {
     calls.close(fd);
     failure("cannot open " + quoted(name) + on + ": out of memory for its buffer");
@@ -338,11 +380,14 @@ void unit::endstatement() {
 void unit::disconnect() {
   if (fd_ >= 0) {
     if (mode_ == mode::writing) flushwrites();
-    const int fd = fd_;
+    if (calls.close(fd_) != 0) {
+      const int err = errno;
+      fd_ = -1;  // closed all the same: the descriptor is released whatever close says
+      oserror("close", err);
+    }
     fd_ = -1;
-    if (calls.close(fd) != 0) oserror("close", errno);
   }
-  std::free(buf_);
+  givebackbuffer(buf_, cap_);
   buf_ = nullptr;
   cap_ = 0;
   form_ = form::none;

@@ -30,6 +30,11 @@ void releasebytes(void* p, std::size_t bytes);
 // allocator gives it. Tests use it to tell unset elements from read ones.
 extern int allocationfill;
 
+// Largest allocation in bytes; a larger request fails with stat_no_memory as if memory had run out.
+// The default has no limit. Tests and the fuzz targets lower it to make allocation failures happen
+// where a file's counts ask for more than they allow, on any machine.
+extern std::size_t allocationlimit;
+
 template <class T, int Rank>
 class farray {
   static_assert(Rank == 1 || Rank == 2, "ranks 1 and 2 only");
@@ -114,6 +119,7 @@ class farray {
       if (e != 0 && count > SIZE_MAX / sizeof(T) / static_cast<std::size_t>(e)) return stat_no_memory;
       count *= static_cast<std::size_t>(e);
     }
+    if (count > allocationlimit / sizeof(T)) return stat_no_memory;
     void* p = detail::allocatebytes(count * sizeof(T));
     if (p == nullptr) return stat_no_memory;
     p_ = static_cast<T*>(p);

@@ -159,7 +159,8 @@ class unit {
   void switchtowrite();
   void flushwrites();
   void disconnect();
-  [[noreturn]] void oserror(const char* action, int err) const;
+  [[noreturn]] void oserror(const char* action, int err);  // drops the connection, then fails
+  void abandon();  // closes the file without flushing or reporting, and releases the buffer
 
   int number_;
   int fd_ = -1;
