@@ -681,7 +681,7 @@ struct bench {
     if (d.opt.inprocess) {
       std::vector<double> w;
       for (int r = 0; r < d.opt.runs; ++r) w.push_back(ours(m, reps, true).wall);
-      std::printf(" %10.4f s\n", median(w));
+      std::printf(" %12.6f s\n", median(w));
       return;
     }
     const bool fortran = !d.opt.fortran.empty() && !m.fop.empty();
@@ -749,11 +749,13 @@ struct bench {
     }
     std::vector<double> w;
     for (const auto& s : rows[io].samples) w.push_back(s.wall);
-    std::printf(" %10.4f s", median(w));
+    std::vector<double> c;
+    for (const auto& s : rows[io].samples) c.push_back(s.cpu);
+    std::printf(" %11.6f s (cpu %.6f)", median(w), median(c));
     if (fortran) {
       std::vector<double> fw;
       for (const auto& s : rows[ifo].samples) fw.push_back(s.wall);
-      if (!fw.empty() && median(w) > 0) std::printf("   fortran %10.4f s  x%.1f", median(fw), median(fw) / median(w));
+      if (!fw.empty() && median(w) > 0) std::printf("   fortran %11.6f s  x%.1f", median(fw), median(fw) / median(w));
       if (rows[ifo].note.find("DIFFER") != std::string::npos) std::printf("   %s", rows[ifo].note.c_str());
     }
     for (std::size_t i = base; i < rows.size(); ++i)
