@@ -133,9 +133,9 @@ class unit {
     if (mode_ != mode::reading) switchtoread();
   }
 
-  // Writing: room for n bytes (n no larger than the buffer) at wp().
+  // Writing: room for n bytes (n no larger than bufferlimit) at wp().
   char* wspace(std::size_t n) {
-    if (cap_ - wlen_ < n) flushwrites();
+    if (cap_ - wlen_ < n) makeroom(n);
     return buf_ + wlen_;
   }
   void wcommit(std::size_t n) { wlen_ += n; }
@@ -146,6 +146,9 @@ class unit {
   }
   void endstatement();  // standard output: hand the line over
 
+  // A file's buffer starts small, for files that are only dipped into (a header), and is replaced
+  // by a large one once the file is streamed. Transfers up to bufferlimit go through it.
+  static constexpr std::size_t bufferlimit = std::size_t{1} << 20;
   std::size_t capacity() const { return cap_; }
   std::int64_t records = 0;  // statements begun since open or rewind
   std::int64_t lines = 0;    // formatted: line ends consumed since open or rewind
@@ -157,6 +160,8 @@ class unit {
   friend void flush(int);
   friend unit& getunit(int);
   bool refill(std::size_t n);
+  void makeroom(std::size_t n);
+  void grow(std::size_t n);
   void connect(const std::string& name, form f, bool create);
   void switchtoread();
   void switchtowrite();
@@ -331,7 +336,7 @@ class rawout {
 
  private:
   void put(const void* src, std::size_t bytes) {
-    if ((!framed_ || static_cast<std::int64_t>(bytes) <= room_) && bytes <= u_.capacity()) {
+    if ((!framed_ || static_cast<std::int64_t>(bytes) <= room_) && bytes <= unit::bufferlimit) {
       char* w = u_.wspace(bytes);
       std::memcpy(w, src, bytes);
       u_.wcommit(bytes);
