@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -146,6 +147,11 @@ options parse(int argc, char** argv) {
 double wallnow() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
+std::int64_t faultsnow() {
+  rusage r{};
+  getrusage(RUSAGE_SELF, &r);
+  return r.ru_minflt + r.ru_majflt;
+}
 double cpunow() {
   timespec t{};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
@@ -225,6 +231,7 @@ void hashrow(std::uint64_t& h, const farray<float, 2>& a, int row, const farray<
 struct sample {
   double wall = 0, cpu = 0;  // per call
   std::int64_t basekb = 0, peakkb = 0;
+  std::int64_t faults = 0;  // minor page faults per call
   std::int64_t checksum = 0;
   int ok = 0;
 };
@@ -507,13 +514,14 @@ double median(std::vector<double> v) {
 // The end of the timed part of a call that goes on to compute the checksum of what it read.
 struct timemark {
   double wall = 0, cpu = 0;
-  std::int64_t peakkb = 0;
+  std::int64_t peakkb = 0, faults = 0;
   bool set = false;
 };
 timemark tmark;
 void mark() {
   tmark.wall = wallnow();
   tmark.cpu = cpunow();
+  tmark.faults = faultsnow();
   tmark.peakkb = statuskb("VmHWM:");
   tmark.set = true;
 }
@@ -533,15 +541,19 @@ struct bench {
       sample s;
       s.basekb = resetpeak();
       tmark = {};
+      const std::int64_t f0 = faultsnow();
       const double w0 = wallnow(), c0 = cpunow();
       for (int k = 0; k < reps; ++k) s.checksum = m.call(k == reps - 1);
       double w1 = wallnow(), c1 = cpunow();
+      std::int64_t f1 = faultsnow();
       s.peakkb = statuskb("VmHWM:");
       if (tmark.set) {
         w1 = tmark.wall;
         c1 = tmark.cpu;
+        f1 = tmark.faults;
         s.peakkb = tmark.peakkb;
       }
+      s.faults = (f1 - f0) / reps;
       s.wall = (w1 - w0) / reps;
       s.cpu = (c1 - c0) / reps;
       s.ok = mod_gridvars::readerrordetail.empty() ? 1 : 0;
@@ -577,6 +589,7 @@ struct bench {
       sample s;
       s.basekb = resetpeak();
       const std::int64_t want = m.floorbytes < 0 ? filesize(m.file) : m.floorbytes;
+      const std::int64_t f0 = faultsnow();
       const double w0 = wallnow(), c0 = cpunow();
       const int fd = ::open(m.file.c_str(), O_RDONLY);
       std::int64_t total = 0;
@@ -596,6 +609,7 @@ struct bench {
         if (m.outputs[i] > 0) std::memset(arrays[i].data(), 1, static_cast<std::size_t>(m.outputs[i]));
       }
       const double w1 = wallnow(), c1 = cpunow();
+      s.faults = faultsnow() - f0;
       s.peakkb = statuskb("VmHWM:");
       s.wall = w1 - w0;
       s.cpu = c1 - c0;
@@ -757,7 +771,9 @@ struct bench {
     for (const auto& s : rows[io].samples) w.push_back(s.wall);
     std::vector<double> c;
     for (const auto& s : rows[io].samples) c.push_back(s.cpu);
-    std::printf(" %11.6f s (cpu %.6f)", median(w), median(c));
+    std::vector<double> fl;
+    for (const auto& s : rows[io].samples) fl.push_back(static_cast<double>(s.faults));
+    std::printf(" %11.6f s (cpu %.6f, %.0f faults)", median(w), median(c), median(fl));
     if (fortran) {
       std::vector<double> fw;
       for (const auto& s : rows[ifo].samples) fw.push_back(s.wall);
@@ -1340,9 +1356,10 @@ void writejson(const std::string& path, const data& d, const bench& b, double se
     for (std::size_t k = 0; k < r.samples.size(); ++k) {
       const sample& s = r.samples[k];
       char buf[256];
-      std::snprintf(buf, sizeof buf, "%s{\"wall\": %.9g, \"cpu\": %.9g, \"peakkb\": %lld, \"basekb\": %lld, \"ok\": %d}",
+      std::snprintf(buf, sizeof buf,
+                    "%s{\"wall\": %.9g, \"cpu\": %.9g, \"peakkb\": %lld, \"basekb\": %lld, \"faults\": %lld, \"ok\": %d}",
                     k ? ", " : "", s.wall, s.cpu, static_cast<long long>(s.peakkb), static_cast<long long>(s.basekb),
-                    s.ok);
+                    static_cast<long long>(s.faults), s.ok);
       o << buf;
     }
     o << "]}" << (i + 1 < b.rows.size() ? "," : "") << "\n";
@@ -1404,25 +1421,40 @@ int main(int argc, char** argv) {
   mod_gridvars::announcements = nullptr;
   noforks = o.inprocess;
 
-  // The files that the readers read, written by the library in every encoding and precision.
-  zm::resetstate();
-  setheader();
+  // The files that the readers read, written by the library in every encoding and precision. In a
+  // child: this process keeps no file buffers that the measurements' children would share with it.
   const auto& g = d.g;
-  for (int enc : {0, 2, 1})
-    for (int dbl : {0, 1}) {
-      if (enc == 1 && dbl) continue;
-      const std::string s = suffix(enc, dbl);
-      zm::writezelmgrid(name40(d.path("g." + s)), enc, dbl, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz, g.nfacesz,
-                        g.ncellsz, g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
-      zm::io::close(4);
-      zm::writezelmrstrtfile(name40(d.path("r." + s)), enc, dbl, g.nzones, g.ncellsz, d.q);
-      if (havepix()) zm::writezelmpixfile(name40(d.path("p." + s)), enc, dbl, g.nzones, g.nptsz, d.pix);
-    }
-  zm::resetstate();
+  const sample prepared = inchild([&] {
+    zm::resetstate();
+    setheader();
+    for (int enc : {0, 2, 1})
+      for (int dbl : {0, 1}) {
+        if (enc == 1 && dbl) continue;
+        const std::string s = suffix(enc, dbl);
+        zm::writezelmgrid(name40(d.path("g." + s)), enc, dbl, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz, g.nfacesz,
+                          g.ncellsz, g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
+        zm::io::close(4);
+        zm::writezelmrstrtfile(name40(d.path("r." + s)), enc, dbl, g.nzones, g.ncellsz, d.q);
+        if (havepix()) zm::writezelmpixfile(name40(d.path("p." + s)), enc, dbl, g.nzones, g.nptsz, d.pix);
+      }
+    zm::resetstate();
+    sample ok;
+    ok.ok = 1;
+    return ok;
+  });
+  if (!prepared.ok) die("cannot write the files to read");
   // Freed memory goes back to the system, so that the children allocate fresh pages.
   ::malloc_trim(0);
 
   bench b{d, {}};
+  {  // what a child costs by itself: the timed part with no call in it
+    measurement m;
+    m.name = "harness/empty";
+    m.enc = -1;
+    m.file = d.path("none");
+    m.call = [](bool) -> std::int64_t { return 0; };
+    b.run(m);
+  }
   addgrid(b, d);
   addrestart(b, d);
   addpix(b, d);
