@@ -11,6 +11,7 @@
 // Reads return a status; a failed open, write or close ends the run through the failure handler.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -139,6 +140,7 @@ class unit {
     return buf_ + wlen_;
   }
   void wcommit(std::size_t n) { wlen_ += n; }
+  std::size_t wroom() const { return cap_ - wlen_; }  // bytes wspace gives without flushing
   void writebulk(const void* src, std::size_t n);
   void patch(std::int64_t offset, const void* src, std::size_t n);  // overwrite bytes already written
   void beginwrite() {
@@ -256,8 +258,28 @@ class rawin {
     if (s.n <= 0) return;
     if (s.stride == 1) {
       get(s.p, static_cast<std::size_t>(s.n) * sizeof(T), sizeof(T));
-    } else {
-      for (index_t k = 0; k < s.n && st_ == rstat::ok; ++k) get(s.p + k * s.stride, sizeof(T), sizeof(T));
+      return;
+    }
+    // A section with a stride: the elements that lie whole in the buffer (and in the record) go
+    // straight to their places; one element at a time where the buffer or a sub-record ends.
+    index_t k = 0;
+    while (k < s.n && st_ == rstat::ok) {
+      std::size_t have = u_.avail();
+      if (framed_ && static_cast<std::int64_t>(have) > left_) have = static_cast<std::size_t>(left_);
+      const index_t m = std::min<index_t>(s.n - k, static_cast<index_t>(have / sizeof(T)));
+      if (m == 0) {
+        get(s.p + k * s.stride, sizeof(T), sizeof(T));
+        ++k;
+        continue;
+      }
+      const char* src = u_.rp();
+      T* dst = s.p + k * s.stride;
+      for (index_t i = 0; i < m; ++i) std::memcpy(dst + i * s.stride, src + i * static_cast<index_t>(sizeof(T)), sizeof(T));
+      const auto bytes = static_cast<std::int64_t>(m) * static_cast<std::int64_t>(sizeof(T));
+      u_.consume(static_cast<std::size_t>(bytes));
+      left_ -= bytes;
+      taken_ += bytes;
+      k += m;
     }
   }
   template <class T>
@@ -324,8 +346,27 @@ class rawout {
     if (s.n <= 0) return;
     if (s.stride == 1) {
       put(s.p, static_cast<std::size_t>(s.n) * sizeof(T));
-    } else {
-      for (index_t k = 0; k < s.n; ++k) put(s.p + k * s.stride, sizeof(T));
+      return;
+    }
+    // A section with a stride: gathered straight into the buffer, as many elements at a time as
+    // the buffer (and the sub-record) has room for.
+    index_t k = 0;
+    while (k < s.n) {
+      u_.wspace(sizeof(T));
+      std::size_t room = u_.wroom();
+      if (framed_ && static_cast<std::int64_t>(room) > room_) room = static_cast<std::size_t>(room_);
+      const index_t m = std::min<index_t>(s.n - k, static_cast<index_t>(room / sizeof(T)));
+      if (m == 0) {
+        put(s.p + k * s.stride, sizeof(T));
+        ++k;
+        continue;
+      }
+      char* w = u_.wspace(static_cast<std::size_t>(m) * sizeof(T));
+      const T* src = s.p + k * s.stride;
+      for (index_t i = 0; i < m; ++i) std::memcpy(w + i * static_cast<index_t>(sizeof(T)), src + i * s.stride, sizeof(T));
+      u_.wcommit(static_cast<std::size_t>(m) * sizeof(T));
+      room_ -= static_cast<std::int64_t>(m) * static_cast<std::int64_t>(sizeof(T));
+      k += m;
     }
   }
   template <std::size_t N>
