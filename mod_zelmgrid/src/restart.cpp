@@ -224,13 +224,18 @@ void readzelmrstrtfile(const char40& filename, const int& filetype, const logica
 
   if (wide) {
     // Narrow what the records filled, once all of them have been read. Positions that no record
-    // reaches hold nothing worth narrowing and stay as allocated.
-    for (int v = 1; v <= nvar; ++v) {
-      placement at(ncellsz);
-      for (int z = 1; z <= nzones; ++z) {
-        for (index_t i = 0; i < ncellsz(z); ++i) q(v, at.start() + i) = detail::narrow(q8(v, at.start() + i));
-        at.after(z);
+    // reaches hold nothing worth narrowing and stay as allocated. Every variable fills the same
+    // positions, so each zone's positions are one block of whole columns of q and q8.
+    placement at(ncellsz);
+    for (int z = 1; z <= nzones; ++z) {
+      if (nvar > 0 && ncellsz(z) > 0) {
+        const index_t first = (at.start() - 1) * nvar;
+        const index_t count = ncellsz(z) * static_cast<index_t>(nvar);
+        float* dst = q.data() + first;
+        const double* src = q8.data() + first;
+        for (index_t i = 0; i < count; ++i) dst[i] = detail::narrow(src[i]);
       }
+      at.after(z);
     }
     q8.deallocate();
   }
