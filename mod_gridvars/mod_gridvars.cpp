@@ -69,15 +69,23 @@ void dispfilereaderror() {
 
 void checkallocationerror(const int& istat) {
   if (istat == 0) return;
-  // The statuses of the library's array type.
-  const char* why = istat == 1   ? "the array is already allocated"
-                    : istat == 2 ? "out of memory"
+  std::string where;
+  if (last.made)
+    where = std::string(" while ") + (last.iop == 2 ? "writing " : "reading ") + kindname(last.ikind) +
+            " file \"" + last.file + "\"";
+  std::fflush(stdout);
+  if (istat == 1) {
+    // An array that is already allocated keeps its storage. The Tecplot export asks for some of its
+    // saved arrays again on every call, so this is a note, with the announcements, not an error.
+    if (announcements != nullptr)
+      std::fprintf(announcements, " note: allocation status 1 (the array is already allocated and kept)%s\n",
+                   where.c_str());
+    return;
+  }
+  // The other statuses of the library's array type.
+  const char* why = istat == 2   ? "out of memory"
                     : istat == 3 ? "the array is not allocated"
                                  : "allocation failed";
-  std::fflush(stdout);
-  std::string where;
-  if (last.made) where = std::string(" while ") + (last.iop == 2 ? "writing " : "reading ") +
-                         kindname(last.ikind) + " file \"" + last.file + "\"";
   std::fprintf(stderr, "zelmgrid: allocation status %d (%s)%s\n", istat, why, where.c_str());
 }
 

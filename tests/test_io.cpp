@@ -111,6 +111,78 @@ TEST_F(encoding, SubrecordsAreReadAcrossItemBoundaries) {
   EXPECT_EQ(r, 3.75);
 }
 
+// Sub-records against layouts built here (gfortran's own sub-records are compared in
+// test_gridref): a record that is an exact multiple of the largest sub-record ends with a
+// sub-record whose leading length is positive and trailing length negative.
+TEST_F(encoding, ARecordOfAnExactMultipleOfTheSubrecordLength) {
+  io::setmaxsubrecord(8);
+  io::open(u1, "f.dat", "unformatted", "unknown");
+  const int v[4] = {1, 2, 3, 4};
+  io::rawwrite(io::getunit(u1), io::items(v, 4));
+  io::rawwrite(io::getunit(u1));  // an empty record is not split
+  io::rawwrite(io::getunit(u1), 9);
+  io::close(u1);
+  EXPECT_EQ(zt::readfile("f.dat"), bytes()
+                                       .i4(-8).i4(1).i4(2).i4(8)
+                                       .i4(8).i4(3).i4(4).i4(-8)
+                                       .i4(0).i4(0)
+                                       .i4(4).i4(9).i4(4).b);
+  io::open(u1, "f.dat", "unformatted", "old");
+  auto& u = io::getunit(u1);
+  int r[4] = {};
+  EXPECT_EQ(io::rawread(u, io::items(r, 4)), rstat::ok);
+  EXPECT_EQ(r[3], 4);
+  EXPECT_EQ(io::rawread(u), rstat::ok);
+  int n = 0;
+  EXPECT_EQ(io::rawread(u, n), rstat::ok);
+  EXPECT_EQ(n, 9);
+}
+
+// Items split between sub-records are written across the split; a read that takes part of a
+// chain of sub-records skips the rest of the chain.
+TEST_F(encoding, ItemsAreSplitBetweenSubrecordsAndPartialReadsSkipTheChain) {
+  io::setmaxsubrecord(5);
+  io::open(u1, "f.dat", "unformatted", "unknown");
+  io::rawwrite(io::getunit(u1), 7, 2.5);
+  io::rawwrite(io::getunit(u1), 8);
+  io::close(u1);
+  char d[8];
+  const double two5 = 2.5;
+  std::memcpy(d, &two5, 8);
+  const auto first = bytes().i4(7).raw(d, 8);  // 12 bytes: sub-records of 5, 5 and 2
+  EXPECT_EQ(zt::readfile("f.dat"), bytes()
+                                       .i4(-5).raw(first.b.data(), 5).i4(5)
+                                       .i4(-5).raw(first.b.data() + 5, 5).i4(-5)
+                                       .i4(2).raw(first.b.data() + 10, 2).i4(-2)
+                                       .i4(4).i4(8).i4(4).b);
+  io::open(u1, "f.dat", "unformatted", "old");
+  auto& u = io::getunit(u1);
+  int a = 0, b = 0;
+  EXPECT_EQ(io::rawread(u, a), rstat::ok);
+  EXPECT_EQ(io::rawread(u, b), rstat::ok);
+  EXPECT_EQ(a, 7);
+  EXPECT_EQ(b, 8);
+}
+
+// A record shorter than an item: the item keeps its value (no part of it is stored), the items
+// before it are set.
+TEST_F(encoding, ARecordEndingInsideAnItemLeavesThatItemUnchanged) {
+  zt::writefile("f.dat", bytes().i4(3).text("abc").i4(3).record(bytes().r8(1.5).i4(0)).b);
+  io::open(u1, "f.dat", "unformatted", "old");
+  auto& u = io::getunit(u1);
+  int a = 0x11111111;
+  EXPECT_EQ(io::rawread(u, a), rstat::error);
+  EXPECT_EQ(a, 0x11111111);
+  EXPECT_NE(io::lastreaderror().find("(0 bytes read, 4 more wanted)"), std::string::npos) << io::lastreaderror();
+  io::close(u1);
+  io::open(u1, "f.dat", "unformatted", "old");
+  EXPECT_EQ(io::rawread(u), rstat::ok);  // skips the 3-byte record
+  double v[2] = {0, -1};
+  EXPECT_EQ(io::rawread(u, io::items(v, 2)), rstat::error);
+  EXPECT_EQ(v[0], 1.5);
+  EXPECT_EQ(v[1], -1);
+}
+
 TEST_F(encoding, BinaryIsTheSameItemsUnframed) {
   io::open(u1, "f.dat", "binary", "unknown");
   io::rawwrite(io::getunit(u1), 3, 1.5f);
@@ -127,9 +199,17 @@ TEST_F(encoding, BinaryReadWithTheWrongWidthMisplacesEveryLaterValue) {
   auto& u = io::getunit(u1);
   EXPECT_EQ(io::rawread(u, a), rstat::ok);
   EXPECT_EQ(io::rawread(u, b), rstat::ok);
-  EXPECT_NE(a, 1.0f);  // the low half of a double
-  EXPECT_NE(b, 2.0f);
+  // The two halves of the first double, then of the second.
+  const double one = 1.0, two = 2.0;
+  float halves[4];
+  std::memcpy(halves, &one, 8);
+  std::memcpy(halves + 2, &two, 8);
+  EXPECT_EQ(std::memcmp(&a, &halves[0], 4), 0);
+  EXPECT_EQ(std::memcmp(&b, &halves[1], 4), 0);
+  EXPECT_NE(a, 1.0f);
   EXPECT_EQ(io::rawread(u, c, d), rstat::ok);
+  EXPECT_EQ(std::memcmp(&c, &halves[2], 4), 0);
+  EXPECT_EQ(std::memcmp(&d, &halves[3], 4), 0);
   EXPECT_NE(c, 2.0f);
   EXPECT_EQ(io::rawread(u, a), rstat::end);
 }
@@ -148,6 +228,8 @@ struct listcase {
   int count;           // values asked for
   const char* expect;  // the values read, as "%g" separated by blanks ("_" for unchanged)
 };
+
+void PrintTo(const listcase& c, std::ostream* os) { *os << ::testing::PrintToString(std::string(c.text)); }
 
 class listinput : public zt::zelmtest, public ::testing::WithParamInterface<listcase> {};
 
@@ -212,6 +294,21 @@ TEST_F(encoding, ListReadRejectsWhatDoesNotParse) {
   EXPECT_NE(io::lastreaderror().find("line 2"), std::string::npos) << io::lastreaderror();
 }
 
+TEST_F(encoding, AValueThatDoesNotParseLeavesItsItemUnchanged) {
+  zt::writefile("f.txt", "12abc\n1.5x\n1.5.5\n");
+  io::open(u1, "f.txt", "formatted", "old");
+  auto& u = io::getunit(u1);
+  int i = 7;
+  float f = 2.5f;
+  double d = 3.5;
+  EXPECT_EQ(io::listread(u, i), rstat::error);
+  EXPECT_EQ(io::listread(u, f), rstat::error);
+  EXPECT_EQ(io::listread(u, d), rstat::error);
+  EXPECT_EQ(i, 7);
+  EXPECT_EQ(f, 2.5f);
+  EXPECT_EQ(d, 3.5);
+}
+
 TEST_F(encoding, ListOutputLayout) {
   io::open(u1, "f.txt", "formatted", "unknown");
   auto& u = io::getunit(u1);
@@ -225,15 +322,15 @@ TEST_F(encoding, ListOutputLayout) {
                                       "  1.0000000000000001E-01", " Reading Zone            3 ..."}));
 }
 
-TEST_F(encoding, ListOutputContinuesLongRecordsOnNewLines) {
+TEST_F(encoding, ListOutputKeepsALongRecordOnOneLine) {
   io::open(u1, "f.txt", "formatted", "unknown");
   int v[10];
   for (int i = 0; i < 10; ++i) v[i] = i;
   io::listwrite(io::getunit(u1), io::items(v, 10));
   io::close(u1);
   const auto ls = zt::lines(zt::readfile("f.txt"));
-  ASSERT_EQ(ls.size(), 2u);
-  EXPECT_EQ(ls[0].size(), 72u);  // six 12-column integers fit in 80 columns
+  ASSERT_EQ(ls.size(), 1u);
+  EXPECT_EQ(ls[0].size(), 120u);  // ten 12-column integers
   io::open(u1, "f.txt", "formatted", "old");
   int r[10] = {};
   EXPECT_EQ(io::listread(io::getunit(u1), io::items(r, 10)), rstat::ok);

@@ -255,17 +255,15 @@ TEST_F(restart, FormattedTextOfTheWriter) {
   io::setstdout(nullptr);
   writezelmrstrtfile("r.txt", formatted, 1, 2, ncellsz, q);
   // Each record starts a line with one blank; 8-byte reals in 23 columns, integers in 11 and
-  // 4-byte reals in 15, each after a blank; a record past 80 columns goes on on the next line.
+  // 4-byte reals in 15, each after a blank; a record stays on one line however long.
   const std::string expect =
       "  5.0000000000000000E-01           7          -2\n"
       "  1.5000000000000000E+00 -2.2500000000000000E+00\n"
       "  1.0000000000000000E+10  0.0000000000000000E+00  3.0000000000000000E+00\n"
       "  5.00000000E-01  1.00000000E+00\n"
-      "  5.00000000E-01  1.00000000E+00  1.50000000E+00  2.00000000E+00  2.50000000E+00\n"
-      "  3.00000000E+00\n"
+      "  5.00000000E-01  1.00000000E+00  1.50000000E+00  2.00000000E+00  2.50000000E+00  3.00000000E+00\n"
       " -1.25000000E+00 -2.50000000E+00\n"
-      " -1.25000000E+00 -2.50000000E+00 -3.75000000E+00 -5.00000000E+00 -6.25000000E+00\n"
-      " -7.50000000E+00\n";
+      " -1.25000000E+00 -2.50000000E+00 -3.75000000E+00 -5.00000000E+00 -6.25000000E+00 -7.50000000E+00\n";
   EXPECT_EQ(zt::readfile("r.txt"), expect);
 }
 

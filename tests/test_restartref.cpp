@@ -30,9 +30,7 @@ struct runresult {
 
 // Runs the reference program with the given arguments in the current (scratch) directory.
 runresult reference(const std::vector<std::string>& args) {
-  // In the sanitizer build the program is linked with the sanitizer runtime too; it is the
-  // reference, not the code under test, so its leak check stays off.
-  std::string cmd = "ASAN_OPTIONS=detect_leaks=0 " + std::string(ZELM_FORTRAN_DIR) + "/fortran_restartref";
+  std::string cmd = std::string(ZELM_FORTRAN_DIR) + "/fortran_restartref";
   for (const auto& a : args) cmd += " '" + a + "'";
   cmd += " 2>&1";
   runresult r;

@@ -465,6 +465,32 @@ void textfile(const mapped& m, detection& d) {
                        " digits: " + (d.dblprec ? "8-byte" : "4-byte") + " reals");
 }
 
+// A text restart file holds its values after three header lines: their count over the grid's cells
+// is the number of variables.
+void textrestart(const mapped& m, const zelm::grid& g, detection& d) {
+  std::size_t i = 0;
+  for (int line = 0; i < m.size() && line < 3; ++i)
+    if (m.data()[i] == '\n') ++line;
+  int64_t values = 0;
+  bool inword = false;
+  for (; i < m.size(); ++i) {
+    const char c = static_cast<char>(m.data()[i]);
+    const bool sep = c == ' ' || c == '\n' || c == '\r' || c == '\t' || c == ',';
+    if (!sep && !inword) ++values;
+    inword = !sep;
+  }
+  const int64_t cellcount = g.totalcells();
+  if (cellcount == 0 ? values != 0 : values % cellcount != 0) {
+    d.problems.push_back("the file holds " + num(values) +
+                         " values after its header, not a whole number of variables of the grid's " +
+                         num(cellcount) + " cells");
+    return;
+  }
+  d.nvar = cellcount == 0 ? 0 : static_cast<int>(values / cellcount);
+  d.evidence.push_back(num(values) + " values after the header: " + std::to_string(d.nvar) +
+                       " variables of the grid's " + num(cellcount) + " cells");
+}
+
 }  // namespace
 
 const char* kindname(filekind k) {
@@ -512,6 +538,7 @@ detection detect(const std::string& path, const zelm::grid* grid) {
     d.enc = zelm::encoding::formatted;
     d.evidence.push_back("text: every byte is printable or a line end");
     textfile(m, d);
+    if (d.kind == filekind::restart && grid != nullptr) textrestart(m, *grid, d);
     return d;
   }
   d.encodingknown = true;

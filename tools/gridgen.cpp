@@ -84,7 +84,9 @@ zonegrid tetprismzone(int nx, int ny, int nz, int prismlayers) {
   std::vector<halfface> faces;
   int cell = 0;
   bool prisms = false, tets = false;
-  for (int k = 0; k < nz; ++k)
+  // Cells are numbered from the top layer down, so tetrahedra come before the prisms they share
+  // nodes with: the Tecplot export marks a node as shared only when a tetrahedron claims it first.
+  for (int k = nz - 1; k >= 0; --k)
     for (int j = 0; j < ny; ++j)
       for (int i = 0; i < nx; ++i) {
         const int a = id(i, j, k), b = id(i + 1, j, k), c = id(i + 1, j + 1, k), d = id(i, j + 1, k);

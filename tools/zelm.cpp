@@ -2,9 +2,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -31,6 +33,8 @@ verbs:
   info FILE [--grid GRID]        what a file is, with the evidence, and its contents
   convert IN OUT --encoding E --precision P [--grid GRID] [--nvar N] [--force]
                                  rewrite a file in another encoding or precision
+  export GRID [--pix PIX] -o OUT.dat [--force]
+                                 write a grid and its node solution to Tecplot ASCII
   sample DIR                     write the sample grids and solutions into DIR
 
 Run 'zelm VERB --help' for the options of a verb.
@@ -64,8 +68,14 @@ placement). zelm says when values lose precision on the way to single precision.
 constexpr const char* exporthelp = R"(usage: zelm export GRID [--pix PIX] -o OUT.dat [--force]
 
 Writes GRID with the node solution of PIX (zero when omitted) to a Tecplot ASCII file
-through the library's export. Grids of several zones are written one file per zone
-(OUT-zone2.dat, ...), as the export numbers nodes and cells within one zone.
+through the library's export: triangles or quadrilaterals in 2D, a tetrahedron zone and a
+prism zone (as bricks) in 3D, and the zone's body surface.
+  -o OUT.dat      the Tecplot file
+  --pix PIX       the node solution; its six fixed variables become RHO U V W P FREE
+  --force         replace OUT.dat if it exists
+
+The export numbers nodes and cells within one zone, so a grid of several zones is written
+one file per zone: OUT.dat for zone 1, OUT-zone2.dat for zone 2, and so on.
 )";
 
 constexpr const char* samplehelp = R"(usage: zelm sample DIR
@@ -73,6 +83,35 @@ constexpr const char* samplehelp = R"(usage: zelm sample DIR
 Writes the sample data into DIR: a 2D grid of quadrilaterals and triangles and a 3D grid
 of tetrahedra and prisms, each with a pix solution of a smooth flow, in several encodings.
 )";
+
+// Progress of long work, on standard error when it is a terminal and --quiet was not given.
+bool showprogress = false;
+
+class stage {
+ public:
+  explicit stage(const std::string& what) : start_(std::chrono::steady_clock::now()) {
+    if (showprogress) std::fprintf(stderr, "%s ...", what.c_str());
+  }
+  ~stage() {
+    if (!showprogress) return;
+    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    std::fprintf(stderr, " %.2f s\n", s);
+  }
+  stage(const stage&) = delete;
+  stage& operator=(const stage&) = delete;
+
+ private:
+  std::chrono::steady_clock::time_point start_;
+};
+
+std::string sized(const std::string& path) {
+  std::error_code ec;
+  const auto n = fs::file_size(path, ec);
+  if (ec) return path;
+  char b[64];
+  std::snprintf(b, sizeof b, " (%.1f MB)", static_cast<double>(n) / 1e6);
+  return path + b;
+}
 
 struct failure {
   std::string message;
@@ -274,19 +313,35 @@ int convert(const args& a) {
   if (!d.problems.empty()) die("\"" + in + "\" does not fit the grid: " + d.problems.front());
   std::int64_t narrowed = 0;
   writeatomically(out, a.has("--force"), [&](const std::string& tmp) {
+    const std::string reading = "reading " + sized(in), writing = "writing " + out;
     if (d.kind == filekind::grid) {
-      const auto g = zelm::readgrid(in, d.format());
+      zelm::grid g;
+      {
+        stage s(reading);
+        g = zelm::readgrid(in, d.format());
+      }
       if (!to.dblprec) narrowed = lost(g.x);
+      stage s(writing);
       zelm::writegrid(tmp, to, g);
     } else if (d.kind == filekind::restart) {
       const int nvar = a.has("--nvar") ? std::atoi(a.get("--nvar").c_str()) : d.nvar;
       if (nvar < 0) die("the number of restart variables cannot be found from \"" + in + "\": give --nvar");
-      const auto r = zelm::readrestart(in, d.format(), grid->cellsperzone(), nvar);
+      zelm::restart r;
+      {
+        stage s(reading);
+        r = zelm::readrestart(in, d.format(), grid->cellsperzone(), nvar);
+      }
       if (!to.dblprec) narrowed = lost(r.q);
+      stage s(writing);
       zelm::writerestart(tmp, to, r, grid->cellsperzone());
     } else {
-      const auto p = zelm::readpix(in, d.format(), grid->nodesperzone());
+      zelm::pix p;
+      {
+        stage s(reading);
+        p = zelm::readpix(in, d.format(), grid->nodesperzone());
+      }
       if (!to.dblprec) narrowed = lost(p.values);
+      stage s(writing);
       zelm::writepix(tmp, to, p, grid->nodesperzone());
     }
   });
@@ -296,6 +351,125 @@ int convert(const args& a) {
   if (narrowed > 0)
     std::printf("warning: %lld value(s) lost precision on the way to 4-byte reals\n",
                 static_cast<long long>(narrowed));
+  return 0;
+}
+
+// ---- export -----------------------------------------------------------------------------------
+
+void throwingfailure(const std::string& message) {
+  throw failure{message, 1};
+}
+void throwingstop() {
+  throw failure{"the export stopped: a cell's nodes cannot be ordered (see the message above)", 1};
+}
+
+// Copies a file across folders (rename cannot cross file systems).
+void movefile(const fs::path& from, const fs::path& to) {
+  std::error_code ec;
+  fs::rename(from, to, ec);
+  if (!ec) return;
+  fs::copy_file(from, to, fs::copy_options::overwrite_existing);
+  fs::remove(from);
+}
+
+// One zone of the grid with its node values, exported to `out` through writetecplotfile.
+void exportzone(const zelm::grid& g, std::size_t k, const fortran::farray<double, 2>* values,
+                const fs::path& out) {
+  using fortran::farray;
+  using fortran::index_t;
+  index_t node0 = 0, face0 = 0;
+  for (std::size_t i = 0; i < k; ++i) {
+    node0 += g.zones[i].nodes;
+    face0 += g.zones[i].faces;
+  }
+  const auto& z = g.zones[k];
+  farray<double, 2> x, qnode;
+  farray<int, 1> nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf;
+  farray<int, 2> ifnode, ifcell;
+  x.allocate(g.ndim, z.nodes);
+  qnode.allocate(6, z.nodes);
+  for (index_t n = 1; n <= z.nodes; ++n) {
+    for (int d = 1; d <= g.ndim; ++d) x(d, n) = g.x(d, node0 + n);
+    for (int v = 1; v <= 6; ++v) qnode(v, n) = values != nullptr ? (*values)(v, node0 + n) : 0.0;
+  }
+  for (auto* a : {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}) a->allocate(1);
+  nptsz(1) = z.nodes, nfacesz(1) = z.faces, ncellsz(1) = z.cells, mnpfz(1) = z.mnpf, mfpcz(1) = z.mfpc;
+  const index_t width = g.ifnode.extent(1);
+  npf.allocate(z.faces);
+  ifnode.allocate(width, z.faces);
+  ifcell.allocate(2, z.faces);
+  for (index_t f = 1; f <= z.faces; ++f) {
+    npf(f) = g.npf(face0 + f);
+    for (index_t s = 1; s <= width; ++s) ifnode(s, f) = g.ifnode(s, face0 + f);
+    ifcell(1, f) = g.ifcell(1, face0 + f);
+    ifcell(2, f) = g.ifcell(2, face0 + f);
+  }
+  // The export takes a 40-character file name: it writes under a short temporary name first.
+  const char* tmpdir = std::getenv("TMPDIR");
+  fs::path tmp = fs::path(tmpdir != nullptr && std::strlen(tmpdir) < 20 ? tmpdir : "/tmp") /
+                 ("zelm-" + std::to_string(::getpid()) + ".dat");
+  mod_gridvars::npixvar = 6;
+  mod_gridvars::numrstrtvar = 6;
+  mod_zelmgrid::resetstate();  // the export runs once per run; this starts it afresh
+  const int ndim = g.ndim, one = 1;
+  try {
+    mod_zelmgrid::writetecplotfile(tmp.string(), ndim, one, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf,
+                                   ifnode, ifcell, qnode);
+    mod_zelmgrid::io::closeall();
+    movefile(tmp, out);
+  } catch (...) {
+    mod_zelmgrid::io::closeall();
+    std::error_code ec;
+    fs::remove(tmp, ec);
+    throw;
+  }
+}
+
+int exportgrid(const args& a) {
+  if (a.positional.size() != 1) die("export takes one grid file (see zelm export --help)", 2);
+  if (!a.has("-o")) die("export needs an output file: -o OUT.dat", 2);
+  const fs::path out = a.get("-o");
+  zelm::grid g;
+  {
+    stage s("reading " + sized(a.positional[0]));
+    g = loadgrid(a.positional[0], false);
+  }
+  if (g.ndim != 2 && g.ndim != 3)
+    die("the Tecplot export takes 2D or 3D grids; this grid has ndim " + std::to_string(g.ndim));
+  std::optional<zelm::pix> p;
+  if (a.has("--pix")) {
+    const std::string pixfile = a.get("--pix");
+    requirefile(pixfile);
+    const auto d = zelmtool::detect(pixfile, &g);
+    if (d.kind != filekind::pix)
+      die("\"" + pixfile + "\" is not a pix file (" + zelmtool::kindname(d.kind) + ")");
+    if (!d.problems.empty()) die("\"" + pixfile + "\" does not fit the grid: " + d.problems.front());
+    p = zelm::readpix(pixfile, d.format(), g.nodesperzone());
+    if (!p->labels.empty())
+      std::printf(
+          "note: the Tecplot variables hold the six fixed variables; %zu free variable(s) are not exported\n",
+          p->labels.size());
+  }
+  std::vector<fs::path> outs;
+  for (std::size_t k = 0; k < g.zones.size(); ++k) {
+    fs::path o = out;
+    if (k > 0)
+      o.replace_filename(out.stem().string() + "-zone" + std::to_string(k + 1) + out.extension().string());
+    std::error_code ec;
+    if (fs::exists(o, ec) && !a.has("--force"))
+      die("\"" + o.string() + "\" exists: give --force to replace it");
+    outs.push_back(o);
+  }
+  mod_zelmgrid::io::setfailurehandler(throwingfailure);
+  mod_zelmgrid::io::setstophandler(throwingstop);
+  for (std::size_t k = 0; k < g.zones.size(); ++k) {
+    {
+      stage s("exporting zone " + std::to_string(k + 1) + " to " + outs[k].string());
+      exportzone(g, k, p ? &p->values : nullptr, outs[k]);
+    }
+    std::printf("wrote %s (zone %zu: %d nodes, %d cells)\n", outs[k].c_str(), k + 1, g.zones[k].nodes,
+                g.zones[k].cells);
+  }
   return 0;
 }
 
@@ -322,11 +496,11 @@ int sample(const args& a) {
   if (a.positional.size() != 1) die("sample takes a folder (see zelm sample --help)", 2);
   const fs::path dir = a.positional[0];
   fs::create_directories(dir);
-  struct spec {
+  struct samplegrid {
     const char* name;
     zelmgen::grid g;
   };
-  spec grids[] = {{"flow2d", zelmgen::quadtri(16, 12, false, 2)}, {"flow3d", zelmgen::tetprism(8, 8, 6, 3)}};
+  samplegrid grids[] = {{"flow2d", zelmgen::quadtri(16, 12, false, 2)}, {"flow3d", zelmgen::tetprism(8, 8, 6, 3)}};
   for (auto& s : grids) {
     const auto g = typed(s.g);
     const auto values = zelmgen::nodesolution(s.g, 1);
@@ -336,12 +510,22 @@ int sample(const args& a) {
     p.labels = {"speed"};
     p.values.allocate(values.extent(1), values.extent(2));
     for (fortran::index_t i = 0; i < values.size(); ++i) p.values.data()[i] = values.data()[i];
+    // The cell solution of a restart file: five conserved variables at the cell centres.
+    const auto cellvalues = zelmgen::cellsolution(s.g, 5);
+    zelm::restart r;
+    r.dtime = 0.125, r.lastcyc = 400, r.rstype = 1, r.dgamma = 1.4, r.drgas = 287.05, r.dr0 = 1.225,
+    r.drm0 = 0.5;
+    r.dp0 = 101325.0;
+    r.q.allocate(cellvalues.extent(1), cellvalues.extent(2));
+    for (fortran::index_t i = 0; i < cellvalues.size(); ++i) r.q.data()[i] = cellvalues.data()[i];
     for (auto [enc, suffix] :
          {std::pair{zelm::encoding::unformatted, "unf"}, std::pair{zelm::encoding::formatted, "txt"}}) {
       const std::string base = (dir / s.name).string();
       zelm::writegrid(base + "-grid." + suffix, {enc, false}, g);
       zelm::writepix(base + "-pix." + suffix, {enc, false}, p, g.nodesperzone());
-      std::printf("wrote %s-grid.%s and %s-pix.%s\n", base.c_str(), suffix, base.c_str(), suffix);
+      zelm::writerestart(base + "-restart." + suffix, {enc, false}, r, g.cellsperzone());
+      std::printf("wrote %s-grid.%s, %s-pix.%s and %s-restart.%s\n", base.c_str(), suffix, base.c_str(),
+                  suffix, base.c_str(), suffix);
     }
   }
   return 0;
@@ -356,6 +540,7 @@ int main(int argc, char** argv) {
     quiet = true;
     ++first;
   }
+  showprogress = !quiet && ::isatty(2) != 0;
   if (quiet) {
     mod_zelmgrid::io::setstdout(nullptr);
     mod_gridvars::announcements = nullptr;
@@ -373,6 +558,7 @@ int main(int argc, char** argv) {
   const std::map<std::string, verbdef> verbs = {
       {"info", {infohelp, {"--grid", "--nvar"}, {}, info}},
       {"convert", {converthelp, {"--encoding", "--precision", "--grid", "--nvar"}, {"--force"}, convert}},
+      {"export", {exporthelp, {"-o", "--pix"}, {"--force"}, exportgrid}},
       {"sample", {samplehelp, {}, {}, sample}},
   };
   const auto it = verbs.find(verb);

@@ -12,6 +12,8 @@
 
 namespace mod_zelmgrid {
 
+using detail::israw;
+using detail::openbycode;
 using fortran::index_t;
 using io::rstat;
 
@@ -20,23 +22,6 @@ namespace {
 constexpr int gridreaderunit = 13;
 constexpr int headerreaderunit = 14;
 constexpr int gridwriterunit = 4;
-
-bool israw(int filetype) { return filetype == unformatted || filetype == binary; }
-
-// Opens `unit` as the file-type code says (saving the word in `fileformat` for the raw forms);
-// false for an unknown code, which opens nothing.
-bool openbycode(int unit, const char40& filename, int filetype, char40& fileformat, const char* status) {
-  if (israw(filetype)) {
-    fileformat = detail::formword(filetype);
-    io::open(unit, filename.trimmed(), fileformat.trimmed(), status);
-    return true;
-  }
-  if (filetype == formatted) {
-    io::open(unit, filename.trimmed(), "formatted", status);
-    return true;
-  }
-  return false;
-}
 
 // One read statement, list-directed or unformatted by the file-type code.
 template <class... Items>
@@ -78,7 +63,8 @@ int allocatecounts(int nzones, std::initializer_list<farray<int, 1>*> arrays) {
 void readzelmgridheader(const char40& filename, const int& filetype, int& ndim, int& nzones, int& ngridaux,
                         farray<int, 1>& nptsz, farray<int, 1>& ncellsz) {
   io::unit& u = io::getunit(headerreaderunit);
-  const bool opened = openbycode(headerreaderunit, filename, filetype, detail::fileformat.readzelmgridheader, "old");
+  const bool opened =
+      openbycode(headerreaderunit, filename, filetype, detail::fileformat.readzelmgridheader, "old");
   if (opened) {
     u.context = {"grid header"};
     if (readrecord(u, filetype, ndim, nzones, ngridaux) != rstat::ok) return detail::readfailed();
@@ -88,9 +74,10 @@ void readzelmgridheader(const char40& filename, const int& filetype, int& ndim, 
   mod_gridvars::checkallocationerror(allocatecounts(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}));
 
   if (opened) {
-    if (!holdszones(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}))
-      return detail::outofbounds(u, "the zone-count arrays for " + std::to_string(nzones) + " zones could not be allocated");
     u.context = {"zone counts"};
+    if (!holdszones(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}))
+      return detail::outofbounds(
+          u, "the zone-count arrays for " + std::to_string(nzones) + " zones could not be allocated");
     rstat st;
     if (filetype == formatted) {
       io::listin s(u);
@@ -121,8 +108,10 @@ void readzelmgrid(const char40& filename, const int& filetype, const logical& db
     if (readrecord(u, filetype, ndim, nzones, ngridaux) != rstat::ok) return detail::readfailed();
 
     mod_gridvars::checkallocationerror(allocatecounts(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}));
+    u.context = filetype == formatted ? io::what{"zone counts of zone", 1} : io::what{"zone counts"};
     if (!holdszones(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}))
-      return detail::outofbounds(u, "the zone-count arrays for " + std::to_string(nzones) + " zones could not be allocated");
+      return detail::outofbounds(
+          u, "the zone-count arrays for " + std::to_string(nzones) + " zones could not be allocated");
 
     if (filetype == formatted) {  // each zone's five counts start a line of their own
       for (int k = 1; k <= nzones; ++k) {
@@ -160,6 +149,7 @@ void readzelmgrid(const char40& filename, const int& filetype, const logical& db
     for (int k = 1; k <= nzones; ++k) {
       io::print("Reading Grid Points in Zone ", k, "...");
       const index_t n = nptsz(k);
+      u.context = {"zone", k, "node", 1};
       if (n > 0) {
         const index_t rows = wide ? x8.extent(1) : x.extent(1);
         const index_t cols = wide ? x8.extent(2) : x.extent(2);
@@ -169,13 +159,15 @@ void readzelmgrid(const char40& filename, const int& filetype, const logical& db
       }
       for (index_t i = 0; i < n; ++i) {
         u.context = {"zone", k, "node", i + 1};
-        const rstat st = wide ? readrecord(u, filetype, io::items(x8.data() + (node + i - 1) * x8.extent(1), ndim))
-                              : readrecord(u, filetype, io::items(x.data() + (node + i - 1) * x.extent(1), ndim));
+        const rstat st =
+            wide ? readrecord(u, filetype, io::items(x8.data() + (node + i - 1) * x8.extent(1), ndim))
+                 : readrecord(u, filetype, io::items(x.data() + (node + i - 1) * x.extent(1), ndim));
         if (st != rstat::ok) return detail::readfailed();
       }
       if (conn) {
         io::print("Reading Connectivity Information in Zone ", k, "...");
         const index_t nf = nfacesz(k);
+        u.context = {"zone", k, "face", 1};
         if (nf > 0 && (face < 1 || face + nf - 1 > npf.extent(1) || face + nf - 1 > ifnode.extent(2) ||
                        face + nf - 1 > ifcell.extent(2)))
           return detail::outofbounds(u, "zone " + std::to_string(k) + "'s " + std::to_string(nf) +
@@ -210,17 +202,19 @@ void readzelmgrid(const char40& filename, const int& filetype, const logical& db
 }
 
 void writezelmgrid(const char40& filename, const int& filetype, const logical& dblprec, const int& ndim,
-                   const int& nzones, const int& ngridaux, const farray<float, 2>& x, const farray<int, 1>& nptsz,
-                   const farray<int, 1>& nfacesz, const farray<int, 1>& ncellsz, const farray<int, 1>& mnpfz,
-                   const farray<int, 1>& mfpcz, const farray<int, 1>& npf, const farray<int, 2>& ifnode,
-                   const farray<int, 2>& ifcell) {
+                   const int& nzones, const int& ngridaux, const farray<float, 2>& x,
+                   const farray<int, 1>& nptsz, const farray<int, 1>& nfacesz, const farray<int, 1>& ncellsz,
+                   const farray<int, 1>& mnpfz, const farray<int, 1>& mfpcz, const farray<int, 1>& npf,
+                   const farray<int, 2>& ifnode, const farray<int, 2>& ifcell) {
   static constexpr const char* routine = "writezelmgrid";
   mod_gridvars::dispreadwrite(2, 10, 100, filename, filetype, dblprec);
   const bool wide = israw(filetype) && fortran::istrue(dblprec);
+  if (!israw(filetype) && filetype != formatted) return;  // an unknown code: nothing is touched
 
   // The arrays must hold what the counts say; the routine checks nothing else.
-  detail::requirearray(holdszones(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}), routine,
-                       "the zone-count arrays hold fewer than nzones = " + std::to_string(nzones) + " entries");
+  detail::requirearray(
+      holdszones(nzones, {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}), routine,
+      "the zone-count arrays hold fewer than nzones = " + std::to_string(nzones) + " entries");
   index_t nnodes = 0, nfaces = 0;
   for (int k = 1; k <= nzones; ++k) {
     nnodes += std::max(nptsz(k), 0);
@@ -275,7 +269,8 @@ void writezelmgrid(const char40& filename, const int& filetype, const logical& d
     for (index_t i = 0; i < nfacesz(k); ++i) {
       const index_t f = face + i;
       const int n = npf(f);
-      detail::requirearray(n <= w, routine, "face " + std::to_string(f) + " has more nodes than ifnode holds");
+      detail::requirearray(n <= w, routine,
+                           "face " + std::to_string(f) + " has more nodes than ifnode holds");
       const auto nodes = io::items(ifnode.data() + (f - 1) * w, n);
       if (text)
         io::listwrite(u, n, nodes, ifcell(1, f), ifcell(2, f));

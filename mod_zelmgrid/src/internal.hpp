@@ -21,6 +21,28 @@ extern savedforms fileformat;
 // "unformatted" for code 0, "binary" for code 2.
 const char* formword(int filetype);
 
+// Codes 0 and 2: the framed and unframed encodings, read and written as unformatted records.
+inline bool israw(int filetype) {
+  return filetype == unformatted || filetype == binary;
+}
+
+// Opens `unit` on the file as the file-type code says, saving the encoding word in the routine's
+// `fileformat` for codes 0 and 2; false for any other code, which opens nothing.
+bool openbycode(int unit, const char40& filename, int filetype, char40& fileformat, const char* status);
+
+// Where each zone's values go in a row of the restart and pix arrays: zones 1 and 2 both start at
+// position 1 and zone z >= 3 right after zones 1 .. z-2. `ioff` is the start of the zone being
+// transferred; advance() is called after each zone with its count and computes the next start
+// from the zones before the one just transferred.
+struct zoneplacement {
+  fortran::index_t ioff = 1;
+  fortran::index_t before = 0;  // counts of the zones before the one being transferred
+  void advance(int count) {
+    ioff = 1 + before;
+    before += count;
+  }
+};
+
 // Hands the encoding layer's account of the last failed read to the host's service.
 void readfailed();
 

@@ -6,7 +6,9 @@
 //
 // Output: a record starts with one blank; integers take 11 columns, 4-byte reals 15 (9 significant
 // digits) and 8-byte reals 23 (17 digits), each after a separating blank, so that every value reads
-// back unchanged; a record longer than 80 columns continues on further lines.
+// back unchanged. A record stays on one line however long it is: readers that take fewer values
+// than a record holds skip the rest of that line, so a continued record would put its tail where
+// the next record is expected.
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -25,12 +27,16 @@ bool isseparator(char c) {
   return c == ' ' || c == ',' || c == '/' || c == '\n' || c == '\t' || c == '\r';
 }
 
+// The parsers store into v only a value that parsed whole: a failed item keeps its value.
 bool parseinteger(std::string_view t, int& v) {
   const char* b = t.data();
   const char* e = b + t.size();
   if (b < e && *b == '+') ++b;
-  const auto r = std::from_chars(b, e, v);
-  return r.ec == std::errc() && r.ptr == e && b < e;
+  int x = 0;
+  const auto r = std::from_chars(b, e, x);
+  if (r.ec != std::errc() || r.ptr != e || b == e) return false;
+  v = x;
+  return true;
 }
 
 // Rewrites the Fortran forms that from_chars does not take (a leading plus, D or Q exponent
@@ -59,20 +65,28 @@ bool parsereal(std::string_view t, T& v) {
   const char* e = b + t.size();
   if (b < e && *b == '+') ++b;
   if (b == e) return false;
-  const auto r = std::from_chars(b, e, v, std::chars_format::general);
-  if (r.ec == std::errc() && r.ptr == e) return true;
+  T x{};
+  const auto r = std::from_chars(b, e, x, std::chars_format::general);
+  if (r.ec == std::errc() && r.ptr == e) {
+    v = x;
+    return true;
+  }
   char buf[160];
   if (!normalisereal(std::string_view(b, static_cast<std::size_t>(e - b)), buf, sizeof buf)) return false;
   char* end = nullptr;
   // strtof/strtod also give the IEEE result for values out of range (infinity, subnormals).
   if constexpr (std::is_same_v<T, float>)
-    v = std::strtof(buf, &end);
+    x = std::strtof(buf, &end);
   else
-    v = std::strtod(buf, &end);
-  return end != buf && *end == '\0';
+    x = std::strtod(buf, &end);
+  if (end == buf || *end != '\0') return false;
+  v = x;
+  return true;
 }
 
-const char* kindname(int k) { return k == 0 ? "an integer" : "a real"; }
+const char* kindname(int k) {
+  return k == 0 ? "an integer" : "a real";
+}
 
 }  // namespace
 
@@ -84,10 +98,9 @@ listin::listin(unit& u) : u_(u) {
     failwith(rstat::error, "the unit is not connected to a file");
     return;
   }
-  if (u_.connectedform() != form::formatted)
-    {
-    failwith(rstat::error, std::string("a list-directed read from a file connected as ") +
-                                      formname(u_.connectedform()));
+  if (u_.connectedform() != form::formatted) {
+    failwith(rstat::error,
+             std::string("a list-directed read from a file connected as ") + formname(u_.connectedform()));
     return;
   }
   u_.beginread();
@@ -113,8 +126,8 @@ void listin::parse(std::string_view tok, void* dst, kind k) {
     case kind::r8: ok = parsereal(tok, *static_cast<double*>(dst)); break;
   }
   if (!ok)
-    failwith(rstat::error, "cannot read \"" + std::string(tok.substr(0, 60)) + "\" as " +
-                               kindname(k == kind::i4 ? 0 : 1));
+    failwith(rstat::error,
+             "cannot read \"" + std::string(tok.substr(0, 60)) + "\" as " + kindname(k == kind::i4 ? 0 : 1));
 }
 
 void listin::value(void* dst, kind k) {
@@ -200,8 +213,9 @@ rstat aread(unit& u, const textref& t) {
     return rstat::error;
   }
   if (u.connectedform() != form::formatted) {
-    detail::setreaderror(u, rstat::error, u.position(),
-                         std::string("a formatted read from a file connected as ") + formname(u.connectedform()));
+    detail::setreaderror(
+        u, rstat::error, u.position(),
+        std::string("a formatted read from a file connected as ") + formname(u.connectedform()));
     return rstat::error;
   }
   u.beginread();
@@ -244,7 +258,7 @@ void beginformattedwrite(unit& u) {
     u.failure("cannot write to unit " + std::to_string(u.number()) + ": it is not connected to a file");
   if (u.connectedform() != form::formatted)
     u.failure("cannot write text to \"" + u.file() + "\" (unit " + std::to_string(u.number()) +
-         "): it is connected as " + formname(u.connectedform()));
+              "): it is connected as " + formname(u.connectedform()));
   u.beginwrite();
   ++u.records;
 }
@@ -277,24 +291,13 @@ std::size_t formatreal(char* out, T v, int digits) {
 
 }  // namespace
 
-listout::listout(unit& u) : u_(u) { beginformattedwrite(u_); }
+listout::listout(unit& u) : u_(u) {
+  beginformattedwrite(u_);
+}
 
 void listout::field(const char* p, std::size_t n, bool separate) {
-  if (col_ == 0) {
-    emit(u_, " ", 1);
-    col_ = 1;
-    separate = false;
-  } else if (any_ && col_ + static_cast<int>(n) + (separate ? 1 : 0) > listlinewidth) {
-    emit(u_, "\n ", 2);
-    col_ = 1;
-    separate = false;
-  }
-  if (separate) {
-    emit(u_, " ", 1);
-    ++col_;
-  }
+  if (!any_ || separate) emit(u_, " ", 1);  // the record's leading blank, or a separator
   emit(u_, p, n);
-  col_ += static_cast<int>(n);
   any_ = true;
 }
 

@@ -100,6 +100,7 @@ void rawin::slowget(char* dst, std::size_t bytes, std::size_t elem) {
   const std::int64_t rem = u_.remaining();
   const bool cut = rem < static_cast<std::int64_t>(bytes);
   if (cut) limit = static_cast<std::size_t>(rem) / elem * elem;
+  std::size_t done = 0;  // bytes stored by this call
   while (limit > 0 && st_ == rstat::ok) {
     if (framed_ && left_ == 0) {
       if (!more_) {
@@ -110,9 +111,17 @@ void rawin::slowget(char* dst, std::size_t bytes, std::size_t elem) {
       nextsubrecord();
       continue;
     }
+    if (framed_ && !more_ && static_cast<std::size_t>(left_) < limit) {
+      // The record's last sub-record ends inside what is asked: store only the elements that it
+      // completes, so that the element cut off keeps its value.
+      const std::size_t whole = (done + static_cast<std::size_t>(left_)) / elem * elem;
+      limit = whole > done ? std::min(limit, whole - done) : 0;
+      if (limit == 0) break;
+    }
     const std::size_t want = framed_ ? std::min<std::size_t>(limit, static_cast<std::size_t>(left_)) : limit;
     const std::size_t got = u_.readbulk(dst, want);
     dst += got;
+    done += got;
     bytes -= got;
     limit -= got;
     taken_ += static_cast<std::int64_t>(got);
@@ -120,7 +129,7 @@ void rawin::slowget(char* dst, std::size_t bytes, std::size_t elem) {
     if (got < want) break;
   }
   if (st_ != rstat::ok || bytes == 0) return;
-  if (framed_ && left_ == 0 && !more_)
+  if (framed_ && !more_ && left_ < static_cast<std::int64_t>(bytes))
     return failwith(rstat::error, "the record holds fewer data than the statement reads (" + str(taken_) +
                                       " bytes read, " + str(static_cast<std::int64_t>(bytes)) + " more wanted)");
   if (framed_) return failwith(rstat::error, "the file ends inside a record (truncated file)");

@@ -23,6 +23,9 @@
 
 namespace mod_zelmgrid {
 
+using detail::israw;
+using detail::openbycode;
+using detail::zoneplacement;
 using fortran::index_t;
 using io::rstat;
 
@@ -30,24 +33,6 @@ namespace {
 
 constexpr int readerunit = 15;
 constexpr int writerunit = 16;
-
-bool israw(int filetype) {
-  return filetype == unformatted || filetype == binary;
-}
-
-// The start of each zone's values in a row, advanced after each zone as the placement rule says.
-class placement {
- public:
-  explicit placement(const farray<int, 1>& ncellsz) : ncellsz_(ncellsz) {}
-  index_t start() const { return start_; }
-  void after(int z) {
-    if (z >= 2) start_ += ncellsz_(z - 1);
-  }
-
- private:
-  const farray<int, 1>& ncellsz_;
-  index_t start_ = 1;
-};
 
 // True when n values from position `start` of row `row` lie inside `a` (always for n <= 0).
 template <class T>
@@ -118,15 +103,15 @@ void requirevalues(const char* routine, int nzones, const farray<int, 1>& ncells
                    int lastrow) {
   if (lastrow < 1 || nzones < 1) return;
   detail::requirearray(ncellsz.extent(1) >= nzones, routine, missingzone(nzones, ncellsz));
-  placement at(ncellsz);
+  zoneplacement at;
   for (int z = 1; z <= nzones; ++z) {
     const index_t n = ncellsz(z);
-    detail::requirearray(fits(q, lastrow, at.start(), n) && fits(q, 1, at.start(), n), routine,
+    detail::requirearray(fits(q, lastrow, at.ioff, n) && fits(q, 1, at.ioff, n), routine,
                          "q (" + std::to_string(q.extent(1)) + " x " + std::to_string(q.extent(2)) +
                              ") does not hold the " + std::to_string(n) + " values of zone " +
                              std::to_string(z) + " of row " + std::to_string(lastrow) + " from position " +
-                             std::to_string(at.start()));
-    at.after(z);
+                             std::to_string(at.ioff));
+    at.advance(ncellsz(z));
   }
 }
 
@@ -139,12 +124,7 @@ void readzelmrstrtfile(const char40& filename, const int& filetype, const logica
   mod_gridvars::dispreadwrite(1, 20, 100, filename, filetype, dblprec);
   const bool wide = israw(filetype) && fortran::istrue(dblprec);
 
-  if (israw(filetype)) {
-    detail::fileformat.readzelmrstrtfile = detail::formword(filetype);
-    io::open(readerunit, filename.trimmed(), detail::fileformat.readzelmrstrtfile.trimmed(), "old");
-  } else if (filetype == formatted) {
-    io::open(readerunit, filename.trimmed(), "formatted", "old");
-  } else {
+  if (!openbycode(readerunit, filename, filetype, detail::fileformat.readzelmrstrtfile, "old")) {
     io::close(readerunit);  // whatever the unit was connected to; nothing is read or allocated
     return;
   }
@@ -196,12 +176,12 @@ void readzelmrstrtfile(const char40& filename, const int& filetype, const logica
   if (wide) mod_gridvars::checkallocationerror(q8.allocate(nvar, ntotal));
 
   for (int v = 1; v <= nvar; ++v) {
-    placement at(ncellsz);
+    zoneplacement at;
     for (int z = 1; z <= nzones; ++z) {
       io::print("Reading Variable ", v, " in Zone ", z, "...");
       u.context = {"variable", v, "zone", z};
       if (z > ncellsz.extent(1)) return detail::outofbounds(u, missingzone(nzones, ncellsz));
-      const index_t s = at.start();
+      const index_t s = at.ioff;
       const index_t n = ncellsz(z);
       // q (and the 8-byte array) may be missing or smaller than the counts when an allocation
       // failed: such a record is reported as a failed read instead of being stored.
@@ -218,7 +198,7 @@ void readzelmrstrtfile(const char40& filename, const int& filetype, const logica
       else
         st = io::rawread(u, rowitems(q, v, s, n));
       if (st != rstat::ok) return detail::readfailed();
-      at.after(z);
+      at.advance(ncellsz(z));
     }
   }
 
@@ -226,16 +206,16 @@ void readzelmrstrtfile(const char40& filename, const int& filetype, const logica
     // Narrow what the records filled, once all of them have been read. Positions that no record
     // reaches hold nothing worth narrowing and stay as allocated. Every variable fills the same
     // positions, so each zone's positions are one block of whole columns of q and q8.
-    placement at(ncellsz);
+    zoneplacement at;
     for (int z = 1; z <= nzones; ++z) {
       if (nvar > 0 && ncellsz(z) > 0) {
-        const index_t first = (at.start() - 1) * nvar;
+        const index_t first = (at.ioff - 1) * nvar;
         const index_t count = ncellsz(z) * static_cast<index_t>(nvar);
         float* dst = q.data() + first;
         const double* src = q8.data() + first;
         for (index_t i = 0; i < count; ++i) dst[i] = detail::narrow(src[i]);
       }
-      at.after(z);
+      at.advance(ncellsz(z));
     }
     q8.deallocate();
   }
@@ -260,11 +240,11 @@ void readnextzelmrstrtvar(const int& ivar, const char40& filename, const int& fi
   const bool text = filetype != unformatted;
   const bool wide = !text && fortran::istrue(dblprec);
 
-  placement at(ncellsz);
+  zoneplacement at;
   for (int z = 1; z <= nzones; ++z) {
     u.context = {"variable", ivar, "zone", z};
     if (z > ncellsz.extent(1)) return detail::outofbounds(u, missingzone(nzones, ncellsz));
-    const index_t s = at.start();
+    const index_t s = at.ioff;
     const index_t n = ncellsz(z);
     if (!fits(q, 1, s, n) || (wide && !fits(q8, s, n)))
       return detail::outofbounds(u, "the " + std::to_string(n) + " values of " + zonename(ivar, z) +
@@ -279,14 +259,14 @@ void readnextzelmrstrtvar(const int& ivar, const char40& filename, const int& fi
     else
       st = io::rawread(u, rowitems(q, 1, s, n));
     if (st != rstat::ok) return detail::readfailed();
-    at.after(z);
+    at.advance(ncellsz(z));
   }
 
   if (wide) {  // narrow what the records filled into row 1
-    placement back(ncellsz);
+    zoneplacement back;
     for (int z = 1; z <= nzones; ++z) {
-      for (index_t i = 0; i < ncellsz(z); ++i) q(1, back.start() + i) = detail::narrow(q8(back.start() + i));
-      back.after(z);
+      for (index_t i = 0; i < ncellsz(z); ++i) q(1, back.ioff + i) = detail::narrow(q8(back.ioff + i));
+      back.advance(ncellsz(z));
     }
   }
 }
@@ -306,12 +286,7 @@ void writezelmrstrtfile(const char40& filename, const int& filetype, const logic
   // Every variable is written, whatever readallvars says: q must hold rows 1 .. numrstrtvar.
   requirevalues(routine, nzones, ncellsz, q, nvar);
 
-  if (israw(filetype)) {
-    detail::fileformat.writezelmrstrtfile = detail::formword(filetype);
-    io::open(writerunit, filename.trimmed(), detail::fileformat.writezelmrstrtfile.trimmed(), "unknown");
-  } else {
-    io::open(writerunit, filename.trimmed(), "formatted", "unknown");
-  }
+  openbycode(writerunit, filename, filetype, detail::fileformat.writezelmrstrtfile, "unknown");
   io::unit& u = io::getunit(writerunit);
   const bool wide = israw(filetype) && fortran::istrue(dblprec);
 
@@ -329,10 +304,10 @@ void writezelmrstrtfile(const char40& filename, const int& filetype, const logic
   }
 
   for (int v = 1; v <= nvar; ++v) {
-    placement at(ncellsz);
+    zoneplacement at;
     for (int z = 1; z <= nzones; ++z) {
       io::print("Writing Variable ", v, " in Zone ", z, "...");
-      const index_t s = at.start();
+      const index_t s = at.ioff;
       const index_t n = ncellsz(z);
       if (filetype == formatted) {
         io::listwrite(u, rowitems(q, v, s, n));
@@ -342,7 +317,7 @@ void writezelmrstrtfile(const char40& filename, const int& filetype, const logic
       } else {
         io::rawwrite(u, rowitems(q, v, s, n));
       }
-      at.after(z);
+      at.advance(ncellsz(z));
     }
   }
   q8.deallocate();
@@ -369,10 +344,10 @@ void writenextzelmrstrtvar(const int& ivar, const char40& filename, const int& f
       io::open(writerunit, filename.trimmed(), "formatted", "unknown");
       writeheadertext(u);
     }
-    placement at(ncellsz);
+    zoneplacement at;
     for (int z = 1; z <= nzones; ++z) {
-      io::listwrite(u, rowitems(q, 1, at.start(), ncellsz(z)));
-      at.after(z);
+      io::listwrite(u, rowitems(q, 1, at.ioff, ncellsz(z)));
+      at.advance(ncellsz(z));
     }
     return;
   }
@@ -389,10 +364,10 @@ void writenextzelmrstrtvar(const int& ivar, const char40& filename, const int& f
   if (ivar == 1) writeheaderraw(u, wide);
 
   if (!wide) {
-    placement at(ncellsz);
+    zoneplacement at;
     for (int z = 1; z <= nzones; ++z) {
-      io::rawwrite(u, rowitems(q, 1, at.start(), ncellsz(z)));
-      at.after(z);
+      io::rawwrite(u, rowitems(q, 1, at.ioff, ncellsz(z)));
+      at.advance(ncellsz(z));
     }
     return;
   }
@@ -404,15 +379,15 @@ void writenextzelmrstrtvar(const int& ivar, const char40& filename, const int& f
     const index_t n = std::min<index_t>(q8.extent(1), q.extent(2));
     for (index_t j = 1; j <= n; ++j) q8(j) = q(1, j);
   }
-  placement at(ncellsz);
+  zoneplacement at;
   for (int z = 1; z <= nzones; ++z) {
     const index_t n = ncellsz(z);
-    detail::requirearray(fits(q8, at.start(), n), routine,
+    detail::requirearray(fits(q8, at.ioff, n), routine,
                          "the 8-byte copy of row 1 of q (" + std::to_string(q8.extent(1)) +
                              " values) does not hold zone " + std::to_string(z) + "'s " + std::to_string(n) +
-                             " values from position " + std::to_string(at.start()));
-    io::rawwrite(u, vectoritems(std::as_const(q8), at.start(), n));
-    at.after(z);
+                             " values from position " + std::to_string(at.ioff));
+    io::rawwrite(u, vectoritems(std::as_const(q8), at.ioff, n));
+    at.advance(ncellsz(z));
   }
 }
 

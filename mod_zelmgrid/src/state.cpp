@@ -40,7 +40,22 @@ namespace detail {
 
 savedforms fileformat;
 
-const char* formword(int filetype) { return filetype == 2 ? "binary" : "unformatted"; }
+const char* formword(int filetype) {
+  return filetype == 2 ? "binary" : "unformatted";
+}
+
+bool openbycode(int unit, const char40& filename, int filetype, char40& fileformat, const char* status) {
+  if (israw(filetype)) {
+    fileformat = formword(filetype);
+    io::open(unit, filename.trimmed(), fileformat.trimmed(), status);
+    return true;
+  }
+  if (filetype == formatted) {
+    io::open(unit, filename.trimmed(), "formatted", status);
+    return true;
+  }
+  return false;
+}
 
 void readfailed() {
   mod_gridvars::readerrordetail = io::lastreaderror();
@@ -48,6 +63,7 @@ void readfailed() {
 }
 
 void outofbounds(io::unit& u, const std::string& what) {
+  ++u.records;  // the statement that would have stored outside its array counts as begun
   io::detail::setreaderror(u, io::rstat::error, u.connected() ? u.position() : 0, what);
   readfailed();
 }

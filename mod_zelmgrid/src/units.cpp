@@ -199,12 +199,15 @@ void unit::connect(const std::string& name, form f, bool create) {
   if (name.empty()) failure("cannot open a file with an empty name" + on);
   struct stat sb {};
   const bool exists = ::stat(name.c_str(), &sb) == 0;
-  if (!create && !exists) failure("cannot open " + quoted(name) + on + " (status \"old\"): " + std::strerror(ENOENT));
+  if (!create && !exists)
+    failure("cannot open " + quoted(name) + on + " as " + formname(f) + " (status \"old\"): " + std::strerror(ENOENT));
   if (exists && S_ISDIR(sb.st_mode)) failure("cannot open " + quoted(name) + on + ": " + std::strerror(EISDIR));
   int fd = calls.open(name.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
   if (fd < 0 && !create && (errno == EACCES || errno == EROFS))
     fd = calls.open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);  // readable only: enough for reading
-  if (fd < 0) failure("cannot open " + quoted(name) + on + ": " + std::strerror(errno));
+  if (fd < 0)
+    failure("cannot open " + quoted(name) + on + " as " + formname(f) + " (status " +
+            (create ? "\"unknown\"" : "\"old\"") + "): " + std::strerror(errno));
   if (tostdout_) {  // unit 6 leaves standard output for the file
     tostdout_ = false;
     std::free(buf_);

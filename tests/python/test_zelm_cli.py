@@ -29,14 +29,13 @@ def variants(samples, tmp_path_factory):
     d = tmp_path_factory.mktemp("variants")
     grid = str(samples / "flow3d-grid.unf")
     out = {}
-    for enc in ENCODINGS:
-        for prec in PRECISIONS:
-            g = str(d / ("g-%s-%s" % (enc, prec)))
-            p = str(d / ("p-%s-%s" % (enc, prec)))
-            run("convert", grid, g, "--encoding", enc, "--precision", prec, check=0)
-            run("convert", str(samples / "flow3d-pix.unf"), p, "--encoding", enc, "--precision", prec,
-                "--grid", grid, check=0)
-            out[(enc, prec)] = (g, p)
+    for i, (enc, prec) in enumerate((e, p) for e in ENCODINGS for p in PRECISIONS):
+        g = str(d / ("file%d" % (2 * i)))  # names that say nothing of what the files are
+        p = str(d / ("file%d" % (2 * i + 1)))
+        run("convert", grid, g, "--encoding", enc, "--precision", prec, check=0)
+        run("convert", str(samples / "flow3d-pix.unf"), p, "--encoding", enc, "--precision", prec,
+            "--grid", grid, check=0)
+        out[(enc, prec)] = (g, p)
     return out
 
 
@@ -149,5 +148,77 @@ def test_unknown_option_and_verb():
 
 def test_help_for_the_tool_and_each_verb():
     assert "verbs:" in run("--help", check=0).stdout
-    for verb in ("info", "convert", "sample"):
+    for verb in ("info", "convert", "export", "sample"):
         assert ("usage: zelm " + verb) in run(verb, "--help", check=0).stdout
+
+
+def test_samples_are_regenerated_byte_for_byte(tmp_path):
+    run("sample", str(tmp_path), check=0)
+    examples = os.path.join(os.environ.get("ZELM_SOURCE_DIR", "."), "examples")
+    for name in sorted(os.listdir(tmp_path)):
+        with open(tmp_path / name, "rb") as a, open(os.path.join(examples, name), "rb") as b:
+            assert a.read() == b.read(), name
+
+
+@pytest.mark.parametrize("sample", ["flow2d", "flow3d"])
+def test_export_of_the_samples_loads_in_vtk(tmp_path, sample):
+    examples = os.path.join(os.environ.get("ZELM_SOURCE_DIR", "."), "examples")
+    out = str(tmp_path / (sample + ".dat"))
+    run("--quiet", "export", os.path.join(examples, sample + "-grid.unf"), "--pix",
+        os.path.join(examples, sample + "-pix.txt"), "-o", out, check=0)
+    import vtk
+
+    r = vtk.vtkTecplotReader()
+    r.SetFileName(out)
+    r.Update()
+    data = r.GetOutput()
+    names = [data.GetMetaData(b).Get(vtk.vtkCompositeDataSet.NAME()) for b in range(data.GetNumberOfBlocks())]
+    if sample == "flow2d":
+        assert names[0] == "Zone   1"
+        block = data.GetBlock(0)
+        assert (block.GetNumberOfPoints(), block.GetNumberOfCells()) == (221, 192)
+    else:
+        assert names[:2] == ["Tet-Zone   1", "Prism-Zone   1"]
+        assert data.GetBlock(0).GetNumberOfCells() == 1152
+        assert data.GetBlock(1).GetNumberOfCells() == 384
+        # The tetrahedra reach down to the prisms: both zones meet at the interface layer.
+        assert abs(data.GetBlock(0).GetBounds()[4] - data.GetBlock(1).GetBounds()[5]) < 0.02
+    arrays = [data.GetBlock(0).GetPointData().GetArrayName(i) for i in range(6)]
+    assert arrays == ["RHO", "U", "V", "W", "P", "FREE"]
+
+
+def test_export_refuses_to_overwrite_and_leaves_nothing_half_written(tmp_path):
+    examples = os.path.join(os.environ.get("ZELM_SOURCE_DIR", "."), "examples")
+    out = tmp_path / "e.dat"
+    out.write_text("keep")
+    p = run("export", os.path.join(examples, "flow3d-grid.unf"), "-o", str(out))
+    assert p.returncode == 1 and "--force" in p.stderr and out.read_text() == "keep"
+    p = run("export", os.path.join(examples, "flow3d-grid.unf"), "--pix",
+            os.path.join(examples, "flow2d-pix.unf"), "-o", str(tmp_path / "x.dat"))
+    assert p.returncode == 1 and "does not fit the grid" in p.stderr
+    assert not (tmp_path / "x.dat").exists()
+
+
+@pytest.mark.parametrize("enc", ENCODINGS)
+@pytest.mark.parametrize("prec", PRECISIONS)
+def test_restart_files_are_recognised_and_their_variables_counted(samples, tmp_path, enc, prec):
+    grid = str(samples / "flow2d-grid.unf")
+    r = str(tmp_path / "r")
+    run("convert", str(samples / "flow2d-restart.unf"), r, "--encoding", enc, "--precision", prec, "--grid", grid,
+        check=0)
+    out = run("info", r, "--grid", grid, check=0).stdout
+    assert "restart file" in out.splitlines()[0]
+    assert field(out, "encoding").startswith(enc)
+    assert field(out, "precision") == ("8-byte reals" if prec == "double" else "4-byte reals")
+    assert "5 variable(s) of 576 cells in 2 zone(s)" in out
+    assert "fits the grid" in out
+    back = str(tmp_path / "back")
+    run("convert", r, back, "--encoding", "unformatted", "--precision", "single", "--grid", grid, check=0)
+    with open(samples / "flow2d-restart.unf", "rb") as a, open(back, "rb") as b:
+        assert a.read() == b.read()
+
+
+def test_restart_file_against_the_wrong_grid(samples):
+    p = run("info", str(samples / "flow2d-restart.unf"), "--grid", str(samples / "flow3d-grid.unf"))
+    assert p.returncode == 1 and "DOES NOT FIT" in p.stdout
+    assert "but zone 1 of the grid has 1,536 cells (6,144 bytes)" in p.stdout

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace fortran {
@@ -24,7 +25,8 @@ struct ftext {
     c.fill(' ');
     std::copy_n(s.begin(), std::min(s.size(), N), c.begin());
   }
-  ftext(const char* s) : ftext(std::string_view(s)) {}  // NOLINT(google-explicit-constructor)
+  ftext(const char* s) : ftext(std::string_view(s)) {}          // NOLINT(google-explicit-constructor)
+  ftext(const std::string& s) : ftext(std::string_view(s)) {}  // NOLINT(google-explicit-constructor)
 
   static constexpr std::size_t length = N;
   std::string_view view() const { return {c.data(), N}; }

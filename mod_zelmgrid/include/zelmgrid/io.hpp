@@ -81,9 +81,6 @@ std::int32_t maxsubrecord();
 // Where list-directed output to standard output (unit 6) goes; nullptr discards it.
 void setstdout(std::FILE* f);
 
-// Column after which list-directed output continues a record on a new line.
-inline constexpr int listlinewidth = 80;
-
 // ---- units ----------------------------------------------------------------------------------
 
 // Context of the record being transferred, named in error messages ("zone 2 face 17").
@@ -478,7 +475,6 @@ class listout {
  private:
   void field(const char* p, std::size_t n, bool separate);
   unit& u_;
-  int col_ = 0;          // characters on the current line
   bool lastchar_ = false;  // the previous item was a text
   bool any_ = false;
 };
