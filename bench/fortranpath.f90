@@ -1034,12 +1034,347 @@ contains
     end if
   end subroutine writenextpix
 
-  ! ---- Tecplot export ----------------------------------------------------------------------
+  ! ---- Tecplot export ---------------------------------------------------------------------
 
+  ! The driver: cell-to-face relations from the face-to-cell table (which it consumes), cell types
+  ! and node-use codes in three dimensions, then each zone through the zone writer.
   subroutine writetecplot(file)
     character(len=*), intent(in) :: file
-    write (*, '(A)') 'writetecplot: not available ' // file
-    ok = 0
+    integer :: iz, s, f, ic, k, j, n, nbound, ncells, slots, nbf, most, m, np, visit
+    integer :: tets, prisms, tetnodes, prismnodes
+    formt(3) = 2
+    formt(4) = 1
+    formt(5) = 3
+    const(3) = -huge(1) - 1
+    do iz = 1, nzones
+      const(3) = max(const(3), mnpfz(iz))
+    end do
+    print *, 'Writing to Tecplot file...'
+    open (10, file=file, form='formatted', status='unknown')
+    nbound = count(ifcell(1, :) < 0) + count(ifcell(2, :) < 0)
+    ncells = sum(ncellsz)
+    slots = 0
+    do iz = 1, nzones
+      slots = max(slots, mfpcz(iz))
+    end do
+    allocate (mfpc(ncells), ibf(nbound), ipf(sum(nptsz)), iface(ncells, slots))
+    mfpc = 0
+    ipf = 0
+    iface = 0
+    do iz = 1, nzones
+      print *
+      write (*, '(1X,''generating face/cell relationships for zone: '',I3)') iz
+      nbf = 0
+      most = 0
+      do s = 1, 2
+        do f = 1, nfacesz(iz)
+          ic = ifcell(s, f)
+          if (ic > 0) then
+            mfpc(ic) = mfpc(ic) + 1
+            iface(ic, mfpc(ic)) = f
+            most = max(most, mfpc(ic))
+          else if (ic < 0) then
+            nbf = nbf + 1
+            ibf(nbf) = f
+            ipf(ifnode(1, f)) = -1
+            ipf(ifnode(2, f)) = -1
+            if (ndim == 3) ipf(ifnode(3, f)) = -1
+          end if
+          ifcell(s, f) = 0
+        end do
+      end do
+      const(4) = most
+      const(2) = nbf
+      print *, 'done with face/cell relationships'
+      if (ndim == 3) then
+        tets = 0
+        prisms = 0
+        tetnodes = 0
+        prismnodes = 0
+        do ic = 1, ncellsz(iz)
+          m = mfpc(ic)
+          if (m < 4 .or. m > 6) cycle
+          if (m == 4) then
+            tets = tets + 1
+            ifcell(1, ic) = 1
+            visit = 4
+          else
+            prisms = prisms + 1
+            ifcell(1, ic) = 2
+            visit = 5
+          end if
+          do k = 1, visit
+            f = iface(ic, k)
+            np = npf(f)
+            do j = 1, np
+              n = ifnode(j, f)
+              if (m == 4) then
+                if (ifcell(2, n) == 0) then
+                  ifcell(2, n) = 1
+                  tetnodes = tetnodes + 1
+                end if
+              else
+                if (ifcell(2, n) == 0) then
+                  ifcell(2, n) = 2
+                  prismnodes = prismnodes + 1
+                end if
+                if (m == 5 .and. ifcell(2, n) == 1) then
+                  ifcell(2, n) = 3
+                  prismnodes = prismnodes + 1
+                end if
+              end if
+            end do
+          end do
+        end do
+        const(5) = tets
+        const(6) = prisms
+        const(7) = tetnodes
+        const(8) = prismnodes
+        print *
+        print *, 'total number of tetrahedra,pts: ', const(5), const(7)
+        if (const(6) > 0) print *, 'total number of prisms,pts: ', const(6), const(8)
+      end if
+      call writer(iz)
+    end do
+    close (10)
+    deallocate (mfpc, ibf, ipf, iface)
+    if (allocated(ipbf)) deallocate (ipbf)
   end subroutine writetecplot
+
+  ! One zone: title and variables (zone 1), the two-dimensional cell zone or the three-dimensional
+  ! element zones, then the body surface.
+  subroutine writer(iz)
+    integer, intent(in) :: iz
+    integer :: n, k, j, f
+    if (.not. allocated(ipbf)) allocate (ipbf(sum(nptsz)))
+    if (iz == 1) then
+      write (10, *) 'TITLE = "TAVREN Unstructured Grid Result" '
+      if (ndim == 3) then
+        write (10, *) 'VARIABLES = "X","Y","Z","RHO","U","V","W","P","FREE"'
+      else
+        write (10, *) 'VARIABLES = "X","Y","RHO","U","V","W","P","FREE"'
+      end if
+    end if
+    print *
+    write (*, '(1X,''writing info for zone: '',I3)') iz
+    if (ndim == 2) then
+      if (mfpcz(iz) == 3) write (10, 100) iz, nptsz(iz), ncellsz(iz)
+      if (mfpcz(iz) == 4) write (10, 101) iz, nptsz(iz), ncellsz(iz)
+      const(1) = 0
+      do n = 1, nptsz(iz)
+        if (ipf(n) < 0) then
+          const(1) = const(1) + 1
+          ipbf(const(1)) = n
+        end if
+        write (10, *) x8(1:ndim, n), qnode(1:npixvar, n)
+      end do
+      print *, 'done writing title and node info.......'
+      print *, 'NDOTS', mfpcz(iz)
+      if (mfpcz(iz) == 4) call quapts(iz)
+      if (mfpcz(iz) == 3) call tripts(iz)
+    else if (ndim == 3) then
+      call tetpts(iz)
+      if (const(3) == 4) call prsmpts(iz)
+    end if
+    print *
+    print *, 'writing info for body surfaces.......'
+    print *, ' # of boundary faces: ', const(2)
+    print *, ' # of boundary nodes for those faces: ', const(1)
+    if (ndim /= 3) then
+      write (10, *) 'ZONE  T= "Body ', iz, '" F=POINT, I= ', const(1)
+    else if (mfpcz(iz) == 4) then
+      write (10, *) 'ZONE  T= "Body ', iz, '"  N= ', const(1), ' , E= ', const(2), ' ,', ' F=FEPOINT, ET=QUADRILATERAL'
+    else if (mfpcz(iz) == 3) then
+      write (10, *) 'ZONE  T= "Body ', iz, '"  N= ', const(1), ' , E= ', const(2), ' ,', ' F=FEPOINT, ET=TRIANGLE'
+    end if
+    do k = 1, const(1)
+      n = ipbf(k)
+      ipf(n) = k
+      write (10, *) x8(1:ndim, n), qnode(1:npixvar, n)
+    end do
+    if (ndim == 3) then
+      do j = 1, const(2)
+        f = ibf(j)
+        write (10, *) ipf(ifnode(1, f)), ipf(ifnode(2, f)), ipf(ifnode(3, f))
+      end do
+    end if
+    print *, 'done writing info for body surfaces......'
+100 format(1X, 'ZONE  T= "Zone ', I3, '"  N= ', I9, ' , E= ', I9, ' ,', ' F=FEPOINT, ET=TRIANGLE')
+101 format(1X, 'ZONE  T= "Zone ', I3, '"  N= ', I9, ' , E= ', I9, ' ,', ' F=FEPOINT, ET=QUADRILATERAL')
+  end subroutine writer
+
+  subroutine quapts(iz)
+    integer, intent(in) :: iz
+    integer :: ic, k, f, na, nb, nc, nd, e1, e2
+    print *, 'writing cell/node connectivity info for quads'
+    do ic = 1, ncellsz(iz)
+      na = ifnode(1, iface(ic, 1))
+      nb = ifnode(2, iface(ic, 1))
+      nc = 0
+      nd = 0
+      do k = 2, 4
+        f = iface(ic, k)
+        e1 = ifnode(1, f)
+        e2 = ifnode(2, f)
+        if (e1 == na) nd = e2
+        if (e2 == na) nd = e1
+        if (e1 == nb) nc = e2
+        if (e2 == nb) nc = e1
+      end do
+      if (nc == 0) then
+        print *, ' error: in subroutine tripts: ifc3.eq.0 '
+        stop
+      end if
+      write (10, '(4(1X,I6))') na, nb, nc, nd
+    end do
+    print *, 'done writing quad cell/node info.......'
+  end subroutine quapts
+
+  subroutine tripts(iz)
+    integer, intent(in) :: iz
+    integer :: ic, k, j, f, na, nb, nc, n
+    print *, 'writing cell/node connectivity info for triangles'
+    do ic = 1, ncellsz(iz)
+      na = ifnode(1, iface(ic, 1))
+      nb = ifnode(2, iface(ic, 1))
+      nc = 0
+      do k = 2, 3
+        f = iface(ic, k)
+        do j = 1, 2
+          n = ifnode(j, f)
+          if (nc == 0 .and. n /= na .and. n /= nb) nc = n
+        end do
+      end do
+      if (nc == 0) then
+        print *, ' error: in subroutine tripts: ifc3.eq.0 '
+        stop
+      end if
+      write (10, *) na, nb, nc
+    end do
+    print *, 'done writing tri cell/node info.......'
+  end subroutine tripts
+
+  ! The nodes of an element zone (codes `code` and 3): boundary nodes join ipbf, each node gets its
+  ! number in the zone, and its record is written. Returns the count.
+  integer function zonenodes(iz, code)
+    integer, intent(in) :: iz, code
+    integer :: n
+    const(1) = 0
+    zonenodes = 0
+    do n = 1, nptsz(iz)
+      if (ifcell(2, n) /= code .and. ifcell(2, n) /= 3) cycle
+      if (ipf(n) < 0) then
+        const(1) = const(1) + 1
+        ipbf(const(1)) = n
+      end if
+      zonenodes = zonenodes + 1
+      ipf(n) = zonenodes
+      write (10, *) x8(1:ndim, n), qnode(1:numrstrtvar, n)
+    end do
+  end function zonenodes
+
+  subroutine tetpts(iz)
+    integer, intent(in) :: iz
+    integer :: counted, ic, k, j, f, na, nb, nc, nd, n, tets
+    write (10, 100) iz, const(7), const(5)
+    print *, 'writing node & connectivity info for tetrahedra'
+    counted = zonenodes(iz, 1)
+    print *, 'done writing tet node info.......'
+    print *, ' number of nodes (known,counted): ', const(7), counted
+    tets = 0
+    do ic = 1, ncellsz(iz)
+      if (ifcell(1, ic) /= 1) cycle
+      tets = tets + 1
+      f = iface(ic, 1)
+      na = ifnode(1, f)
+      nb = ifnode(2, f)
+      nc = ifnode(3, f)
+      nd = 0
+      do k = 2, 4
+        f = iface(ic, k)
+        do j = 1, 3
+          n = ifnode(j, f)
+          if (n /= na .and. n /= nb .and. n /= nc) nd = n
+        end do
+      end do
+      if (nd == 0) then
+        print *, ' error: in subroutine tetpts: ifc4.eq.0 '
+        stop
+      end if
+      write (10, *) ipf(na), ipf(nb), ipf(nc), ipf(nd)
+    end do
+    print *, 'done writing tet connectivity info......'
+    print *, ' number of tets (known,counted):  ', const(5), tets
+100 format(1X, 'ZONE  T= "Tet-Zone ', I3, '"  N= ', I9, ' , E= ', I9, ' ,', ' F=FEPOINT, ET=TETRAHEDRON')
+  end subroutine tetpts
+
+  subroutine prsmpts(iz)
+    integer, intent(in) :: iz
+    integer, save :: nfscr(5), npscr(6), itmp(8)
+    integer :: counted, ic, k, f, t, i, tri, quad, pos1, pos2, a1, a2, b1, b2, apexa, apexb, c1, c2, c3, visited
+    integer :: p(4)
+    logical :: same
+    write (10, 100) iz, const(8), const(6)
+    print *, 'writing node & connectivity info for prisms'
+    counted = zonenodes(iz, 2)
+    print *, 'done writing prism node info.......'
+    print *, ' number of nodes (known,counted): ', const(8), counted
+    visited = 0
+    do ic = 1, ncellsz(iz)
+      if (ifcell(1, ic) /= 2) cycle
+      visited = visited + 1
+      tri = 0
+      do k = 1, 5
+        f = iface(ic, k)
+        if (npf(f) == 3) then
+          nfscr(k) = f
+          if (tri < 2) npscr(3 * tri + 1:3 * tri + 3) = ifnode(1:3, f)
+          tri = tri + 1
+        else
+          nfscr(k) = -f
+        end if
+      end do
+      quad = 0
+      do k = 1, 5
+        if (nfscr(k) < 0) then
+          quad = -nfscr(k)
+          exit
+        end if
+      end do
+      p = ifnode(1:4, quad)
+      pos1 = 0
+      pos2 = 0
+      do i = 1, 6
+        if (npscr(i) == p(1)) pos1 = i
+        if (npscr(i) == p(2)) pos2 = i
+      end do
+      same = (pos1 >= 1 .and. pos1 <= 3 .and. pos2 >= 1 .and. pos2 <= 3) .or. (pos1 >= 4 .and. pos2 >= 4)
+      a1 = p(1)
+      b2 = p(3)
+      if (same) then
+        a2 = p(2)
+        b1 = p(4)
+      else
+        a2 = p(4)
+        b1 = p(2)
+      end if
+      apexa = 0
+      apexb = 0
+      do t = 0, 1
+        do k = 1, 3
+          c1 = npscr(3 * t + k)
+          c2 = npscr(3 * t + mod(k, 3) + 1)
+          c3 = npscr(3 * t + mod(k + 1, 3) + 1)
+          if ((c1 == a1 .and. c2 == a2) .or. (c1 == a2 .and. c2 == a1)) apexa = c3
+          if ((c1 == b1 .and. c2 == b2) .or. (c1 == b2 .and. c2 == b1)) apexb = c3
+        end do
+      end do
+      itmp = [ipf(apexa), ipf(apexa), ipf(apexb), ipf(apexb), ipf(a1), ipf(a2), ipf(b2), ipf(b1)]
+      write (10, *) itmp
+    end do
+    print *, 'done writing prism connectivity info......'
+    print *, ' number of prisms (known,counted):', const(6), visited
+100 format(1X, 'ZONE  T= "Prism-Zone ', I3, '"  N= ', I9, ' , E= ', I9, ' ,', ' F=FEPOINT, ET=BRICK')
+  end subroutine prsmpts
 
 end program fortranpath
