@@ -192,6 +192,7 @@ contains
     case ('rstread')
       readallvars = .true.
       call readrestart(trim(fname), enc, dbl, good)
+      if (.not. last) deallocate (q)
     case ('rstnext')
       readallvars = .false.
       call readrestart(trim(fname), enc, dbl, good)
@@ -199,6 +200,7 @@ contains
         if (good) call readnextrestart(v, enc, dbl, good)
       end do
       close (15)
+      if (.not. last) deallocate (q)
     case ('rstwrite')
       call writerestart(trim(fname), enc, dbl)
     case ('rstwritenext')
@@ -209,6 +211,7 @@ contains
     case ('pixread')
       readallvars = .true.
       call readpix(trim(fname), enc, dbl, good)
+      if (.not. last) deallocate (pix)
     case ('pixnext')
       readallvars = .false.
       call readpix(trim(fname), enc, dbl, good)
@@ -217,6 +220,7 @@ contains
         if (good) call readnextpix(v, enc, dbl, good)
       end do
       close (13)
+      if (.not. last) deallocate (pix)
     case ('pixwrite')
       call writepix(trim(fname), enc, dbl)
     case ('pixwritenext')
