@@ -74,6 +74,21 @@ TEST(farray, LargeArraysAreUsable) {
   EXPECT_EQ(a(1) + a(3'000'000), 3);
 }
 
+TEST(farray, LargeArraysStartOnAHugePageUnlessSwitchedOff) {
+  ASSERT_TRUE(fortran::hugepages);  // the default
+  farray<int, 1> a;
+  ASSERT_EQ(a.allocate(4'000'000), 0);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(a.data()) % (std::uintptr_t{2} << 20), 0u);
+  fortran::hugepages = false;
+  farray<int, 1> b;
+  const int st = b.allocate(4'000'000);
+  fortran::hugepages = true;
+  ASSERT_EQ(st, 0);
+  b(1) = 3;
+  b(4'000'000) = 4;
+  EXPECT_EQ(b(1) + b(4'000'000), 7);
+}
+
 TEST(farray, FillByteMarksFreshStorage) {
   fortran::allocationfill = 0x7f;
   farray<int, 1> a;

@@ -13,6 +13,7 @@ namespace fortran {
 
 int allocationfill = -1;
 std::size_t allocationlimit = SIZE_MAX;
+bool hugepages = true;
 
 namespace detail {
 
@@ -23,7 +24,7 @@ constexpr std::size_t hugethreshold = std::size_t{4} << 20;
 
 void* allocatebytes(std::size_t bytes) {
   void* p = nullptr;
-  if (bytes >= hugethreshold) {
+  if (hugepages && bytes >= hugethreshold) {
     const std::size_t rounded = (bytes + hugepage - 1) / hugepage * hugepage;
     p = std::aligned_alloc(hugepage, rounded);
     if (p != nullptr) madvise(p, rounded, MADV_HUGEPAGE);

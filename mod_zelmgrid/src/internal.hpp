@@ -1,6 +1,8 @@
 // Pieces shared by the routines of the module and not part of its interface.
 #pragma once
 
+#include <cfloat>
+#include <cmath>
 #include <string>
 
 #include "zelmgrid/mod_zelmgrid.hpp"
@@ -55,7 +57,13 @@ void requirearray(bool ok, const char* routine, const std::string& what);
 fortran::index_t sum(const farray<int, 1>& a);
 
 // 8-byte to 4-byte real, rounding to nearest; out of range gives an infinity, as IEEE does.
-float narrow(double d);
+// Inline: it runs once per value of every 8-byte file.
+inline float narrow(double d) {
+  // Values at or beyond FLT_MAX plus half its last place round to infinity.
+  constexpr double limit = static_cast<double>(FLT_MAX) + 0x1p103;
+  if (std::isfinite(d) && std::fabs(d) >= limit) return d > 0 ? INFINITY : -INFINITY;
+  return static_cast<float>(d);
+}
 
 // Clears the saved work arrays of the Tecplot export.
 void resettecplot();

@@ -204,13 +204,18 @@ void readzelmrstrtfile(const char40& filename, const int& filetype, const logica
 
   if (wide) {
     // Narrow what the records filled, once all of them have been read. Positions that no record
-    // reaches hold nothing worth narrowing and stay as allocated.
-    for (int v = 1; v <= nvar; ++v) {
-      zoneplacement at;
-      for (int z = 1; z <= nzones; ++z) {
-        for (index_t i = 0; i < ncellsz(z); ++i) q(v, at.ioff + i) = detail::narrow(q8(v, at.ioff + i));
-        at.advance(ncellsz(z));
+    // reaches hold nothing worth narrowing and stay as allocated. Every variable fills the same
+    // positions, so each zone's positions are one block of whole columns of q and q8.
+    zoneplacement at;
+    for (int z = 1; z <= nzones; ++z) {
+      if (nvar > 0 && ncellsz(z) > 0) {
+        const index_t first = (at.ioff - 1) * nvar;
+        const index_t count = ncellsz(z) * static_cast<index_t>(nvar);
+        float* dst = q.data() + first;
+        const double* src = q8.data() + first;
+        for (index_t i = 0; i < count; ++i) dst[i] = detail::narrow(src[i]);
       }
+      at.advance(ncellsz(z));
     }
     q8.deallocate();
   }

@@ -78,12 +78,5 @@ fortran::index_t sum(const farray<int, 1>& a) {
   return s;
 }
 
-float narrow(double d) {
-  // Values at or beyond FLT_MAX plus half its last place round to infinity.
-  constexpr double limit = static_cast<double>(FLT_MAX) + 0x1p103;
-  if (std::isfinite(d) && std::fabs(d) >= limit) return d > 0 ? INFINITY : -INFINITY;
-  return static_cast<float>(d);
-}
-
 }  // namespace detail
 }  // namespace mod_zelmgrid

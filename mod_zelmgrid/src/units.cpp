@@ -1,5 +1,6 @@
 // Units: the table of numbered connections, their buffers, and the run-ending failure path.
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,13 +13,15 @@
 #include <utility>
 #include <vector>
 
+#include "zelmgrid/farray.hpp"
 #include "zelmgrid/io.hpp"
 
 namespace mod_zelmgrid::io {
 
 namespace {
 
-constexpr std::size_t filebuffer = std::size_t{1} << 20;
+constexpr std::size_t smallbuffer = std::size_t{4} << 10;  // one page
+constexpr std::size_t hugepage = std::size_t{2} << 20;
 constexpr std::size_t stdoutbuffer = std::size_t{1} << 16;
 constexpr int stdoutunit = 6;
 constexpr int largestunit = 99999;
@@ -72,23 +75,42 @@ std::string lower(std::string_view s) {
 
 std::string quoted(std::string_view s) { return '"' + std::string(s) + '"'; }
 
-// One released file buffer kept for the next connection: a program that opens and closes files in
-// turn then allocates a buffer once.
-char* sparebuffer = nullptr;
-struct sparerelease {
-  ~sparerelease() { std::free(sparebuffer); }
-} sparereleaser;
+// File buffers. A large one is a whole huge page where the array type uses them (first-touching it
+// costs one fault instead of 512), and 1 MiB of 4 KiB pages otherwise. The buffer of a unit that is
+// disconnected is kept for the next connection, so that opening file after file reuses memory that
+// is already touched.
+std::size_t largebuffer() { return fortran::hugepages ? hugepage : unit::bufferlimit; }
 
-char* takebuffer() {
-  if (sparebuffer != nullptr) return std::exchange(sparebuffer, nullptr);
-  return static_cast<char*>(std::malloc(filebuffer));
+struct sparebuffer {
+  char* p = nullptr;
+  std::size_t cap = 0;
+};
+sparebuffer spares[2];  // one small, one large
+
+char* takebuffer(std::size_t cap) {
+  for (auto& s : spares)
+    if (s.p != nullptr && s.cap == cap) return std::exchange(s.p, nullptr);
+  if (cap == hugepage && fortran::hugepages) {
+    void* p = std::aligned_alloc(hugepage, hugepage);
+    if (p != nullptr) madvise(p, hugepage, MADV_HUGEPAGE);
+    return static_cast<char*>(p);
+  }
+  return static_cast<char*>(std::malloc(cap));
 }
-void givebackbuffer(char* b, std::size_t cap) {
-  if (b == nullptr) return;
-  if (sparebuffer == nullptr && cap == filebuffer)
-    sparebuffer = b;
+
+void givebuffer(char* p, std::size_t cap) {
+  if (p == nullptr) return;
+  sparebuffer& s = spares[cap > smallbuffer ? 1 : 0];
+  std::free(s.p);
+  s = {p, cap};
+}
+
+// A disconnected unit's buffer: kept for the next connection when it has one of the usual sizes.
+void releasebuffer(char* p, std::size_t cap) {
+  if (cap == largebuffer() || cap == smallbuffer)
+    givebuffer(p, cap);
   else
-    std::free(b);
+    std::free(p);
 }
 
 }  // namespace
@@ -178,7 +200,7 @@ void unit::abandon() {
   if (fd_ >= 0) (void)calls.close(fd_);
   fd_ = -1;
   if (!tostdout_) {
-    givebackbuffer(buf_, cap_);
+    releasebuffer(buf_, cap_);
     buf_ = nullptr;
     cap_ = 0;
     form_ = form::none;
@@ -226,12 +248,8 @@ void unit::connect(const std::string& name, form f, bool create) {
     dev_ = fb.st_dev;
     ino_ = fb.st_ino;
   }
-  buf_ = takebuffer();
-  if (buf_ == nullptr) {
-    calls.close(fd);
-    failure("cannot open " + quoted(name) + on + ": out of memory for its buffer");
-  }
-  cap_ = filebuffer;
+  buf_ = nullptr;  // allocated by the first transfer
+  cap_ = 0;
   fd_ = fd;
   form_ = f;
   path_ = name;
@@ -242,6 +260,29 @@ void unit::connect(const std::string& name, form f, bool create) {
   records = lines = 0;
 }
 
+// Replaces the buffer by one that holds at least n bytes: the small one for a first transfer that
+// fits it, the large one otherwise. What the buffer holds moves along.
+void unit::grow(std::size_t n) {
+  const std::size_t large = largebuffer();
+  const std::size_t cap = buf_ == nullptr && n <= smallbuffer ? smallbuffer : std::max(n, large);
+  char* p = cap == large || cap == smallbuffer ? takebuffer(cap) : static_cast<char*>(std::malloc(cap));
+  if (p == nullptr) failure("out of memory for the buffer of " + quoted(path_));
+  const std::size_t live = mode_ == mode::writing ? wlen_ : rend_;
+  if (live > 0) std::memcpy(p, buf_, live);
+  if (cap_ == large || cap_ == smallbuffer)
+    givebuffer(buf_, cap_);
+  else
+    std::free(buf_);
+  buf_ = p;
+  cap_ = cap;
+}
+
+void unit::makeroom(std::size_t n) {
+  flushwrites();
+  // A file that has filled its small buffer is being streamed: it gets the large one.
+  if (cap_ < n || (cap_ < largebuffer() && !tostdout_)) grow(n);
+}
+
 bool unit::refill(std::size_t n) {
   if (fd_ < 0) return false;
   if (rpos_ > 0) {
@@ -250,6 +291,9 @@ bool unit::refill(std::size_t n) {
     rend_ -= rpos_;
     rpos_ = 0;
   }
+  // A file that has been read past its small buffer is being streamed: it gets the large one.
+  const auto readsofar = bufstart_ + static_cast<std::int64_t>(rend_);
+  if (cap_ < n || (cap_ < largebuffer() && readsofar >= static_cast<std::int64_t>(cap_))) grow(n);
   while (rend_ < n) {
     const long got = calls.read(fd_, buf_ + rend_, cap_ - rend_);
     if (got < 0 && errno == EINTR) continue;
@@ -265,7 +309,7 @@ std::size_t unit::readbulk(void* dst, std::size_t n) {
   while (done < n) {
     if (avail() == 0) {
       const std::size_t rest = n - done;
-      if (rest >= cap_ / 2 && fd_ >= 0) {  // large transfer: straight into the destination
+      if (rest >= bufferlimit / 2 && fd_ >= 0) {  // large transfer: straight into the destination
         bufstart_ += static_cast<std::int64_t>(rend_);
         rpos_ = rend_ = 0;
         const long got = calls.read(fd_, d + done, rest);
@@ -342,9 +386,9 @@ void unit::flushwrites() {
 
 void unit::writebulk(const void* src, std::size_t n) {
   const char* s = static_cast<const char*>(src);
-  if (n < cap_ / 2 || tostdout_) {
+  if (n < bufferlimit / 2 || tostdout_) {
     while (n > 0) {
-      const std::size_t take = std::min(n, cap_);
+      const std::size_t take = std::min(n, tostdout_ ? cap_ : bufferlimit);
       std::memcpy(wspace(take), s, take);
       wcommit(take);
       s += take;
@@ -387,7 +431,7 @@ void unit::disconnect() {
     }
     fd_ = -1;
   }
-  givebackbuffer(buf_, cap_);
+  releasebuffer(buf_, cap_);
   buf_ = nullptr;
   cap_ = 0;
   form_ = form::none;

@@ -26,6 +26,10 @@ void* allocatebytes(std::size_t bytes);
 void releasebytes(void* p, std::size_t bytes);
 }  // namespace detail
 
+// Whether large arrays are aligned to 2 MiB and marked for transparent huge pages (the default).
+// Off, they come from the heap in 4 KiB pages like any other allocation.
+extern bool hugepages;
+
 // Byte written into every new allocation when set (0..255); -1, the default, leaves memory as the
 // allocator gives it. Tests use it to tell unset elements from read ones.
 extern int allocationfill;

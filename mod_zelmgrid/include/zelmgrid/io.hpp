@@ -11,6 +11,7 @@
 // Reads return a status; a failed open, write or close ends the run through the failure handler.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -130,12 +131,13 @@ class unit {
     if (mode_ != mode::reading) switchtoread();
   }
 
-  // Writing: room for n bytes (n no larger than the buffer) at wp().
+  // Writing: room for n bytes (n no larger than bufferlimit) at wp().
   char* wspace(std::size_t n) {
-    if (cap_ - wlen_ < n) flushwrites();
+    if (cap_ - wlen_ < n) makeroom(n);
     return buf_ + wlen_;
   }
   void wcommit(std::size_t n) { wlen_ += n; }
+  std::size_t wroom() const { return cap_ - wlen_; }  // bytes wspace gives without flushing
   void writebulk(const void* src, std::size_t n);
   void patch(std::int64_t offset, const void* src, std::size_t n);  // overwrite bytes already written
   void beginwrite() {
@@ -143,6 +145,9 @@ class unit {
   }
   void endstatement();  // standard output: hand the line over
 
+  // A file's buffer starts small, for files that are only dipped into (a header), and is replaced
+  // by a large one once the file is streamed. Transfers up to bufferlimit go through it.
+  static constexpr std::size_t bufferlimit = std::size_t{1} << 20;
   std::size_t capacity() const { return cap_; }
   std::int64_t records = 0;  // statements begun since open or rewind
   std::int64_t lines = 0;    // formatted: line ends consumed since open or rewind
@@ -154,6 +159,8 @@ class unit {
   friend void flush(int);
   friend unit& getunit(int);
   bool refill(std::size_t n);
+  void makeroom(std::size_t n);
+  void grow(std::size_t n);
   void connect(const std::string& name, form f, bool create);
   void switchtoread();
   void switchtowrite();
@@ -249,8 +256,28 @@ class rawin {
     if (s.n <= 0) return;
     if (s.stride == 1) {
       get(s.p, static_cast<std::size_t>(s.n) * sizeof(T), sizeof(T));
-    } else {
-      for (index_t k = 0; k < s.n && st_ == rstat::ok; ++k) get(s.p + k * s.stride, sizeof(T), sizeof(T));
+      return;
+    }
+    // A section with a stride: the elements that lie whole in the buffer (and in the record) go
+    // straight to their places; one element at a time where the buffer or a sub-record ends.
+    index_t k = 0;
+    while (k < s.n && st_ == rstat::ok) {
+      std::size_t have = u_.avail();
+      if (framed_ && static_cast<std::int64_t>(have) > left_) have = static_cast<std::size_t>(left_);
+      const index_t m = std::min<index_t>(s.n - k, static_cast<index_t>(have / sizeof(T)));
+      if (m == 0) {
+        get(s.p + k * s.stride, sizeof(T), sizeof(T));
+        ++k;
+        continue;
+      }
+      const char* src = u_.rp();
+      T* dst = s.p + k * s.stride;
+      for (index_t i = 0; i < m; ++i) std::memcpy(dst + i * s.stride, src + i * static_cast<index_t>(sizeof(T)), sizeof(T));
+      const auto bytes = static_cast<std::int64_t>(m) * static_cast<std::int64_t>(sizeof(T));
+      u_.consume(static_cast<std::size_t>(bytes));
+      left_ -= bytes;
+      taken_ += bytes;
+      k += m;
     }
   }
   template <class T>
@@ -317,8 +344,27 @@ class rawout {
     if (s.n <= 0) return;
     if (s.stride == 1) {
       put(s.p, static_cast<std::size_t>(s.n) * sizeof(T));
-    } else {
-      for (index_t k = 0; k < s.n; ++k) put(s.p + k * s.stride, sizeof(T));
+      return;
+    }
+    // A section with a stride: gathered straight into the buffer, as many elements at a time as
+    // the buffer (and the sub-record) has room for.
+    index_t k = 0;
+    while (k < s.n) {
+      u_.wspace(sizeof(T));
+      std::size_t room = u_.wroom();
+      if (framed_ && static_cast<std::int64_t>(room) > room_) room = static_cast<std::size_t>(room_);
+      const index_t m = std::min<index_t>(s.n - k, static_cast<index_t>(room / sizeof(T)));
+      if (m == 0) {
+        put(s.p + k * s.stride, sizeof(T));
+        ++k;
+        continue;
+      }
+      char* w = u_.wspace(static_cast<std::size_t>(m) * sizeof(T));
+      const T* src = s.p + k * s.stride;
+      for (index_t i = 0; i < m; ++i) std::memcpy(w + i * static_cast<index_t>(sizeof(T)), src + i * s.stride, sizeof(T));
+      u_.wcommit(static_cast<std::size_t>(m) * sizeof(T));
+      room_ -= static_cast<std::int64_t>(m) * static_cast<std::int64_t>(sizeof(T));
+      k += m;
     }
   }
   template <std::size_t N>
@@ -329,7 +375,7 @@ class rawout {
 
  private:
   void put(const void* src, std::size_t bytes) {
-    if ((!framed_ || static_cast<std::int64_t>(bytes) <= room_) && bytes <= u_.capacity()) {
+    if ((!framed_ || static_cast<std::int64_t>(bytes) <= room_) && bytes <= unit::bufferlimit) {
       char* w = u_.wspace(bytes);
       std::memcpy(w, src, bytes);
       u_.wcommit(bytes);
