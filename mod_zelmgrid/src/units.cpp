@@ -269,10 +269,7 @@ void unit::grow(std::size_t n) {
   if (p == nullptr) failure("out of memory for the buffer of " + quoted(path_));
   const std::size_t live = mode_ == mode::writing ? wlen_ : rend_;
   if (live > 0) std::memcpy(p, buf_, live);
-  if (cap_ == large || cap_ == smallbuffer)
-    givebuffer(buf_, cap_);
-  else
-    std::free(buf_);
+  releasebuffer(buf_, cap_);
   buf_ = p;
   cap_ = cap;
 }
