@@ -75,6 +75,7 @@ void setcounts(params& p, const farray<int, 1>& counts) {
 }
 
 void prepare() {
+  fs::create_directories(scratch());
   mod_zelmgrid::resetstate();
   io::setstdout(nullptr);
   mod_gridvars::announcements = nullptr;
