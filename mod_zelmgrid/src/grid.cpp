@@ -244,6 +244,11 @@ void writezelmgrid(const char40& filename, const int& filetype, const logical& d
   farray<double, 2> x8;  // widened coordinates, prepared before anything is opened
   if (wide) {
     mod_gridvars::checkallocationerror(x8.allocate(x.extent(1), x.extent(2)));
+    // Without the copy there is nothing to write the coordinates from: the run ends before the
+    // file is opened.
+    detail::requirearray(x8.allocated() || nnodes == 0 || ndim <= 0, routine,
+                         "no memory for the 8-byte copy of x (" + std::to_string(x.extent(1)) + " x " +
+                             std::to_string(x.extent(2)) + ")");
     if (x8.allocated())
       for (index_t i = 0; i < x.size(); ++i) x8.data()[i] = x.data()[i];
   }
