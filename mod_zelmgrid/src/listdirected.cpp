@@ -46,6 +46,7 @@ bool normalisereal(std::string_view t, char* out, std::size_t cap) {
   std::size_t n = 0;
   bool letter = false;
   for (std::size_t i = 0; i < t.size(); ++i) {
+    if (n + 3 > cap) return false;  // each sign may bring an 'e' with it: room for two and the NUL
     char c = t[i];
     if (c == 'd' || c == 'D' || c == 'q' || c == 'Q') c = 'e';
     if (c == 'e' || c == 'E') letter = true;
