@@ -155,6 +155,12 @@ void writeatomically(const std::string& out, bool force, F&& write) {
   try {
     write(tmp.string());
     fs::rename(tmp, target);
+  } catch (const mod_zelmgrid::io::ioerror& e) {
+    fs::remove(tmp, ec);
+    die("cannot write \"" + out + "\", left as it was: " + e.what());
+  } catch (const fs::filesystem_error& e) {
+    fs::remove(tmp, ec);
+    die("cannot write \"" + out + "\", left as it was: " + e.what());
   } catch (...) {
     fs::remove(tmp, ec);
     throw;
