@@ -10,6 +10,45 @@
 //
 // Read failures are reported through mod_gridvars::dispfilereaderror and the routine returns;
 // failures to open, write or close end the run through io::fail (see io.hpp).
+//
+// Damaged files and failed allocations. Counts read from a file (or given by the caller) can be
+// huge, negative or inconsistent, and an allocation asked for by them can fail; the routines then
+// report the allocation status through checkallocationerror and go on, as their callers expect.
+// No routine ever transfers into or out of an array that is not allocated or is too small for what
+// the counts say; what it does instead:
+//   - readers (readzelmgridheader, readzelmgrid, readzelmrstrtfile, readnextzelmrstrtvar,
+//     readzelmpixfile, readnextzelmpixvar): the record that would have been stored outside its
+//     array is reported as a failed read (dispfilereaderror, with readerrordetail saying which
+//     array and counts) and the routine returns as after any failed read: zone-count arrays that
+//     could not be allocated for nzones zones; coordinates (4- or 8-byte) that do not fit x or its
+//     8-byte temporary; faces that do not fit npf, ifnode or ifcell, or a face with more nodes than
+//     ifnode's rows; restart values that do not fit q, its 8-byte copy or row 1 of q; pix values
+//     that do not fit pix or the 8-byte work array; a caller's ncellsz or nptsz shorter than
+//     nzones (reported at the first zone without a count). Arrays passed already allocated count as
+//     a failed allocation (status 1) and are used as they are when they are large enough.
+//   - the grid reader's final copy from 8-byte coordinates into x is made only when x could be
+//     allocated with the temporary's shape; otherwise x is left as it is and nothing is reported
+//     beyond the allocation status.
+//   - pix files with more than 20 free variables (nfree above 20): the readers read labels 21 and
+//     up and drop them, and read every variable's values; the writers write those labels blank.
+//   - writers (writezelmgrid, writezelmrstrtfile, writenextzelmrstrtvar, writezelmpixfile,
+//     writenextzelmpixvar): arrays smaller than the counts, or an 8-byte copy that could not be
+//     allocated, end the run through io::fail with a message naming the routine and the array,
+//     before anything would be fetched from outside an array.
+//   - writetecplotfile: argument arrays smaller than the counts end the run before the file is
+//     opened; node, cell and face numbers out of range and work arrays that could not be
+//     allocated are left out and reported on standard error, and the export goes on (tecplot.cpp).
+// Every failed read's account (readerrordetail, io::lastreaderror) names the file, its encoding
+// and unit, the record by number (a line in formatted files) and by what it is ("zone 2 face 17",
+// "variable 3 zone 2", "header record 1", "label of free variable 2"), the byte offset where the
+// statement began (formatted: where it stopped) and the cause: end of file, a record shorter than
+// its items, length markers that disagree, a value that does not parse (with its text), or the
+// array that the counts do not fit.
+//
+// Write faults. A failed open, write, seek or close drops the unit's connection (the file is closed,
+// buffered data discarded) before io::fail reports it with the file's name, the unit and the cause.
+// A host whose failure handler throws therefore gets control back with the unit closed and no
+// descriptor or buffer left behind, and the next call opens the file afresh.
 #pragma once
 
 #include "zelmgrid/farray.hpp"
