@@ -11,3 +11,16 @@ for preset in default asan; do
   cmake --build --preset "$preset"
   ctest --preset "$preset"
 done
+
+# The fuzz targets, a few seconds each over their seeds and saved regressions, where clang has
+# its fuzzer runtime (the campaign itself is scripts/fuzz.sh).
+if echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' |
+    clang++ -fsanitize=fuzzer -x c++ - -o /tmp/zelm-fuzzcheck.$$ >/dev/null 2>&1; then
+  rm -f /tmp/zelm-fuzzcheck.$$
+  echo "== fuzz =="
+  cmake --preset fuzz >/dev/null
+  cmake --build --preset fuzz
+  ctest --preset fuzz
+else
+  echo "== fuzz: skipped (no clang fuzzer runtime) =="
+fi
