@@ -324,9 +324,12 @@ const std::string& inputpath() {
   return path;
 }
 
+std::vector<std::string>* accounts = nullptr;
+
 void checkreport(const char* routine) {
   const std::string& d = mod_gridvars::readerrordetail;
   if (d.empty()) return;
+  if (accounts != nullptr) accounts->push_back(d);
   const bool named = d.find('"' + inputpath() + '"') != std::string::npos;
   const bool unconnected = d.find("not connected") != std::string::npos;
   if (!named && !unconnected) fail(routine, "the account of a failed read names no file", d);

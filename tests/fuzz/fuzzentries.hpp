@@ -52,4 +52,7 @@ const std::string& inputpath();
 //   - nothing ended the run (a reader never does).
 void checkreport(const char* routine);
 
+// When set, every account that checkreport sees is appended here (to tally what a corpus tried).
+extern std::vector<std::string>* accounts;
+
 }  // namespace zelmfuzz
