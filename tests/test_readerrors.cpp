@@ -247,6 +247,24 @@ TEST_F(readerrors, RestartBinaryHeaderCutShort) {
             "left where the statement reads 4");
 }
 
+TEST_F(readerrors, RealWithManySignsIsAValueThatDoesNotParse) {
+  // Every sign after a digit asks for an exponent letter in the parser's rewrite: a long run of
+  // them once wrote past the rewrite buffer.
+  std::string value = "1";
+  for (int i = 0; i < 140; ++i) value += "-1";
+  writerestart("r.txt", formatted, false);
+  auto lines = zt::lines(zt::readfile("r.txt"));
+  lines[3] = " " + value;  // variable 1, zone 1
+  std::string text;
+  for (const auto& l : lines) text += l + "\n";
+  zt::writefile("r.txt", text);
+  readrestart("r.txt", formatted, false);
+  EXPECT_EQ(failures(), 1);
+  EXPECT_TRUE(detail().find("\"r.txt\" (formatted, unit 15), line 4 (variable 1 zone 1) at byte ") == 0)
+      << detail();
+  EXPECT_NE(detail().find(": cannot read \"1-1-1-1"), std::string::npos) << detail();
+}
+
 // ---- pix files ---------------------------------------------------------------------------------
 
 void writepix(const std::string& name, int code, int nfree) {
