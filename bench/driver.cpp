@@ -42,7 +42,6 @@ namespace fs = std::filesystem;
 using fortran::farray;
 using fortran::index_t;
 
-
 namespace {
 
 constexpr const char* usage = R"(usage: zelmbench [options]
@@ -92,22 +91,38 @@ options parse(int argc, char** argv) {
       if (i + 1 >= argc) die("option " + a + " needs a value");
       return argv[++i];
     };
-    if (a == "--cells") o.cells = std::stoll(next());
-    else if (a == "--shape") o.shape = next();
-    else if (a == "--zones") o.zones = std::stoi(next());
-    else if (a == "--runs") o.runs = std::stoi(next());
-    else if (a == "--fortran-runs") o.fruns = std::stoi(next());
-    else if (a == "--meshio-runs") o.mruns = std::stoi(next());
-    else if (a == "--fortran") o.fortran = next();
-    else if (a == "--meshio") o.meshio = next();
-    else if (a == "--python") o.python = next();
-    else if (a == "--dir") o.dir = next();
-    else if (a == "--keep") o.keep = true;
-    else if (a == "--only") o.only = next();
-    else if (a == "--min-time") o.mintime = std::stod(next());
-    else if (a == "--json") o.json = next();
-    else if (a == "--smoke") o.smoke = true;
-    else if (a == "--in-process") o.inprocess = true;
+    if (a == "--cells")
+      o.cells = std::stoll(next());
+    else if (a == "--shape")
+      o.shape = next();
+    else if (a == "--zones")
+      o.zones = std::stoi(next());
+    else if (a == "--runs")
+      o.runs = std::stoi(next());
+    else if (a == "--fortran-runs")
+      o.fruns = std::stoi(next());
+    else if (a == "--meshio-runs")
+      o.mruns = std::stoi(next());
+    else if (a == "--fortran")
+      o.fortran = next();
+    else if (a == "--meshio")
+      o.meshio = next();
+    else if (a == "--python")
+      o.python = next();
+    else if (a == "--dir")
+      o.dir = next();
+    else if (a == "--keep")
+      o.keep = true;
+    else if (a == "--only")
+      o.only = next();
+    else if (a == "--min-time")
+      o.mintime = std::stod(next());
+    else if (a == "--json")
+      o.json = next();
+    else if (a == "--smoke")
+      o.smoke = true;
+    else if (a == "--in-process")
+      o.inprocess = true;
     else if (a == "--help" || a == "-h") {
       std::fputs(usage, stdout);
       std::exit(0);
@@ -296,7 +311,7 @@ std::string runprogram(const std::vector<std::string>& args, int& status) {
 
 // ---- the benchmark's data -----------------------------------------------------------------------
 
-constexpr int nvar = 6;   // restart variables
+constexpr int nvar = 6;       // restart variables
 constexpr int nfreevars = 1;  // free variables of the pix file
 
 struct data {
@@ -309,7 +324,9 @@ struct data {
   std::string path(const std::string& name) const { return dir + "/" + name; }
 };
 
-const char* encname(int enc) { return enc == 0 ? "unformatted" : enc == 2 ? "binary" : "formatted"; }
+const char* encname(int enc) {
+  return enc == 0 ? "unformatted" : enc == 2 ? "binary" : "formatted";
+}
 std::string suffix(int enc, int dbl) {
   return std::string(enc == 0 ? "u" : enc == 2 ? "b" : "f") + (enc == 1 ? "" : dbl ? "8" : "4");
 }
@@ -336,7 +353,8 @@ std::int64_t textprefix(const std::string& p, std::int64_t tokens, std::int64_t 
     if (c == '\n') {
       ++line;
       in = false;
-      if ((tokens > 0 && seen >= tokens) || (tokens == 0 && line >= lines)) return static_cast<std::int64_t>(i + 1);
+      if ((tokens > 0 && seen >= tokens) || (tokens == 0 && line >= lines))
+        return static_cast<std::int64_t>(i + 1);
     } else if (c == ' ' || c == ',') {
       in = false;
     } else if (!in) {
@@ -361,11 +379,11 @@ void setheader() {
   zm::dvar = 0.75;
   zm::string = fortran::char25("zelmbench pix file");
   zm::nfree = nfreevars;
-  for (int k = 1; k <= 20; ++k) zm::strfree(k) = fortran::char25(k <= nfreevars ? "free variable " + std::to_string(6 + k) : "");
+  for (int k = 1; k <= 20; ++k)
+    zm::strfree(k) = fortran::char25(k <= nfreevars ? "free variable " + std::to_string(6 + k) : "");
   mod_gridvars::numrstrtvar = nvar;
   mod_gridvars::npixvar = 6 + nfreevars;
 }
-
 
 // ---- cell-to-node lists for meshio --------------------------------------------------------------
 
@@ -385,12 +403,15 @@ cellnodes nodesofcells(const zelmgen::grid& g) {
       for (int s = 1; s <= 2; ++s)
         if (g.ifcell(s, f) > 0) ++count[static_cast<std::size_t>(g.ifcell(s, f))];
     std::vector<int> start(static_cast<std::size_t>(nc) + 2, 0);
-    for (int c = 1; c <= nc; ++c) start[static_cast<std::size_t>(c) + 1] = start[static_cast<std::size_t>(c)] + count[static_cast<std::size_t>(c)];
+    for (int c = 1; c <= nc; ++c)
+      start[static_cast<std::size_t>(c) + 1] =
+          start[static_cast<std::size_t>(c)] + count[static_cast<std::size_t>(c)];
     std::vector<index_t> faces(static_cast<std::size_t>(start[static_cast<std::size_t>(nc) + 1]));
     std::vector<int> fill(start.begin(), start.end());
     for (index_t f = f0 + 1; f <= f0 + g.nfacesz(k); ++f)
       for (int s = 1; s <= 2; ++s)
-        if (g.ifcell(s, f) > 0) faces[static_cast<std::size_t>(fill[static_cast<std::size_t>(g.ifcell(s, f))]++)] = f;
+        if (g.ifcell(s, f) > 0)
+          faces[static_cast<std::size_t>(fill[static_cast<std::size_t>(g.ifcell(s, f))]++)] = f;
     auto node = [&](index_t f, int j) { return g.ifnode(j, f); };
     auto global = [&](int n) { return static_cast<std::int32_t>(n0 + n - 1); };
     for (int c = 1; c <= nc; ++c) {
@@ -471,10 +492,10 @@ void warmfile(const std::string& p) {
 
 // One line of the results: a routine (or baseline) in one encoding and precision.
 struct row {
-  std::string name;     // e.g. "readzelmgrid/conn"
-  std::string impl;     // zelmgrid, zelmgrid-4k, fortran, floor, floor-4k, tochars, write2, meshio
-  std::string enc;      // unformatted, binary, formatted, or "-"
-  int prec = 0;         // 4 or 8; 0 where the precision plays no part
+  std::string name;  // e.g. "readzelmgrid/conn"
+  std::string impl;  // zelmgrid, zelmgrid-4k, fortran, floor, floor-4k, tochars, write2, meshio
+  std::string enc;   // unformatted, binary, formatted, or "-"
+  int prec = 0;      // 4 or 8; 0 where the precision plays no part
   std::int64_t bytes = 0, records = 0, musthold = 0;
   int reps = 1;
   std::vector<sample> samples;
@@ -485,16 +506,16 @@ struct measurement {
   std::string name;
   bool reader = false;
   int enc = 0, dbl = 0;
-  std::string file;   // read (readers) or written (writers)
-  std::string fop;    // the Fortran path's operation, "" when it has none
+  std::string file;  // read (readers) or written (writers)
+  std::string fop;   // the Fortran path's operation, "" when it has none
   std::int64_t records = 0, musthold = 0;
-  std::vector<std::int64_t> outputs;  // byte sizes of the arrays a reader fills (for its floor)
-  std::int64_t floorbytes = -1;       // bytes of the file that the reader takes (-1: all)
-  int floorpasses = 1;                // times the reader goes through the file
-  std::function<void()> setup;        // in the child, untimed, before the high-water mark is reset
+  std::vector<std::int64_t> outputs;            // byte sizes of the arrays a reader fills (for its floor)
+  std::int64_t floorbytes = -1;                 // bytes of the file that the reader takes (-1: all)
+  int floorpasses = 1;                          // times the reader goes through the file
+  std::function<void()> setup;                  // in the child, untimed, before the high-water mark is reset
   std::function<std::int64_t(bool last)> call;  // one call; returns the checksum of what it read
-  std::function<void()> tochars;      // the formatting floor of a formatted writer
-  bool repeatable = true;             // false: one call per process (the Tecplot export's saved state)
+  std::function<void()> tochars;                // the formatting floor of a formatted writer
+  bool repeatable = true;  // false: one call per process (the Tecplot export's saved state)
   std::string note;
 };
 
@@ -575,7 +596,8 @@ struct bench {
       s.wall = (w1 - w0) / reps;
       s.cpu = (c1 - c0) / reps;
       s.ok = mod_gridvars::readerrordetail.empty() ? 1 : 0;
-      if (!s.ok) std::fprintf(stderr, "zelmbench: %s: %s\n", m.name.c_str(), mod_gridvars::readerrordetail.c_str());
+      if (!s.ok)
+        std::fprintf(stderr, "zelmbench: %s: %s\n", m.name.c_str(), mod_gridvars::readerrordetail.c_str());
       return s;
     });
   }
@@ -583,8 +605,8 @@ struct bench {
   sample fortranpath(const measurement& m, int reps) {
     if (!m.reader) ::unlink(m.file.c_str());
     int status = 0;
-    const std::string out = runprogram({d.opt.fortran, m.fop, std::to_string(m.enc), std::to_string(m.dbl), m.file,
-                                        d.dir, std::to_string(nvar), std::to_string(reps)},
+    const std::string out = runprogram({d.opt.fortran, m.fop, std::to_string(m.enc), std::to_string(m.dbl),
+                                        m.file, d.dir, std::to_string(nvar), std::to_string(reps)},
                                        status);
     sample s;
     const auto at = out.find("RESULT ");
@@ -614,7 +636,8 @@ struct bench {
       for (int pass = 0; pass < m.floorpasses; ++pass) {
         if (pass > 0) ::lseek(fd, 0, SEEK_SET);
         for (std::int64_t left = want; left > 0;) {
-          const ssize_t n = ::read(fd, buf, static_cast<std::size_t>(std::min<std::int64_t>(left, sizeof buf)));
+          const ssize_t n =
+              ::read(fd, buf, static_cast<std::size_t>(std::min<std::int64_t>(left, sizeof buf)));
           if (n <= 0) break;
           total += n;
           left -= n;
@@ -650,7 +673,8 @@ struct bench {
       const int fd = ::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       std::int64_t left = bytes;
       while (left > 0) {
-        const ssize_t n = ::write(fd, buf, static_cast<std::size_t>(std::min<std::int64_t>(left, sizeof buf)));
+        const ssize_t n =
+            ::write(fd, buf, static_cast<std::size_t>(std::min<std::int64_t>(left, sizeof buf)));
         if (n <= 0) break;
         left -= n;
       }
@@ -797,7 +821,8 @@ struct bench {
     if (fortran) {
       std::vector<double> fw;
       for (const auto& s : rows[ifo].samples) fw.push_back(s.wall);
-      if (!fw.empty() && median(w) > 0) std::printf("   fortran %11.6f s  x%.1f", median(fw), median(fw) / median(w));
+      if (!fw.empty() && median(w) > 0)
+        std::printf("   fortran %11.6f s  x%.1f", median(fw), median(fw) / median(w));
       if (rows[ifo].note.find("DIFFER") != std::string::npos) std::printf("   %s", rows[ifo].note.c_str());
     }
     for (std::size_t i = base; i < rows.size(); ++i)
@@ -853,10 +878,11 @@ struct bench {
 
 // ---- the routines, as the benchmark calls them ----------------------------------------------------
 
-std::int64_t gridchecksum(int ndim, int nzones, int aux, const farray<float, 2>& x, const farray<int, 1>& nptsz,
-                          const farray<int, 1>& nfacesz, const farray<int, 1>& ncellsz, const farray<int, 1>& mnpfz,
-                          const farray<int, 1>& mfpcz, const farray<int, 1>& npf, const farray<int, 2>& ifnode,
-                          const farray<int, 2>& ifcell, bool conn) {
+std::int64_t gridchecksum(int ndim, int nzones, int aux, const farray<float, 2>& x,
+                          const farray<int, 1>& nptsz, const farray<int, 1>& nfacesz,
+                          const farray<int, 1>& ncellsz, const farray<int, 1>& mnpfz,
+                          const farray<int, 1>& mfpcz, const farray<int, 1>& npf,
+                          const farray<int, 2>& ifnode, const farray<int, 2>& ifcell, bool conn) {
   hashes h;
   const int hdr[3] = {ndim, nzones, aux};
   h.ints(0, hdr, 3);
@@ -869,7 +895,8 @@ std::int64_t gridchecksum(int ndim, int nzones, int aux, const farray<float, 2>&
     h.ints(4, npf.data(), npf.size());
     const index_t w = ifnode.extent(1);
     for (index_t f = 1; f <= npf.extent(1); ++f)
-      for (index_t j = 1; j <= npf(f); ++j) hashes::add(h.h[5], hashes::bits(ifnode(j, f)), (j - 1) + (f - 1) * w);
+      for (index_t j = 1; j <= npf(f); ++j)
+        hashes::add(h.h[5], hashes::bits(ifnode(j, f)), (j - 1) + (f - 1) * w);
     h.ints(6, ifcell.data(), ifcell.size());
   }
   for (index_t j = 1; j <= n1; ++j)
@@ -892,7 +919,7 @@ void addgrid(bench& b, data& d) {
     m.fop = "gridheader";
     m.records = 2;
     m.musthold = counts;
-    m.floorbytes = enc == 0 ? 8 + 12 + 8 + 20 * g.nzones
+    m.floorbytes = enc == 0   ? 8 + 12 + 8 + 20 * g.nzones
                    : enc == 2 ? 12 + 20 * g.nzones
                               : textprefix(m.file, 3 + 5 * g.nzones, 0);
     m.outputs = {4 * g.nzones, 4 * g.nzones};
@@ -931,13 +958,14 @@ void addgrid(bench& b, data& d) {
         if (readconn) m.outputs.push_back(conn);
         if (!readconn) {
           const int r = dbl ? 8 : 4;
-          m.floorbytes = enc == 0 ? 8 + 12 + 8 + 20 * g.nzones + nodes1 * (8 + g.ndim * r)
+          m.floorbytes = enc == 0   ? 8 + 12 + 8 + 20 * g.nzones + nodes1 * (8 + g.ndim * r)
                          : enc == 2 ? 12 + 20 * g.nzones + nodes1 * g.ndim * r
                                     : textprefix(m.file, 0, 1 + g.nzones + nodes1);
         }
         if (enc == 1 && g.nzones > 1) {
-          b.skip(m, "n/a: a formatted grid file of several zones is not readable by readzelmgrid by design "
-                    "(the writer wraps the zone counts, the reader takes one line per zone)");
+          b.skip(m,
+                 "n/a: a formatted grid file of several zones is not readable by readzelmgrid by design "
+                 "(the writer wraps the zone counts, the reader takes one line per zone)");
           continue;
         }
         m.call = [file = m.file, enc, dbl, readconn](bool last) -> std::int64_t {
@@ -945,12 +973,12 @@ void addgrid(bench& b, data& d) {
           farray<float, 2> x;
           farray<int, 1> nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf;
           farray<int, 2> ifnode, ifcell;
-          zm::readzelmgrid(name40(file), enc, dbl, ndim, nzones, aux, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf,
-                           ifnode, ifcell, readconn ? 1 : 0);
+          zm::readzelmgrid(name40(file), enc, dbl, ndim, nzones, aux, x, nptsz, nfacesz, ncellsz, mnpfz,
+                           mfpcz, npf, ifnode, ifcell, readconn ? 1 : 0);
           if (!last) return 0;
           mark();
-          return gridchecksum(ndim, nzones, aux, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf, ifnode, ifcell,
-                              readconn);
+          return gridchecksum(ndim, nzones, aux, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf, ifnode,
+                              ifcell, readconn);
         };
         b.run(m);
       }
@@ -967,8 +995,8 @@ void addgrid(bench& b, data& d) {
       m.records = 2 + d.nnodes + d.nfaces;
       m.musthold = enc != 1 && dbl ? 2 * xbytes : 0;
       m.call = [&g, file = m.file, enc, dbl](bool) -> std::int64_t {
-        zm::writezelmgrid(name40(file), enc, dbl, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz, g.nfacesz, g.ncellsz,
-                          g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
+        zm::writezelmgrid(name40(file), enc, dbl, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz, g.nfacesz,
+                          g.ncellsz, g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
         zm::io::close(4);
         return 0;
       };
@@ -1034,7 +1062,9 @@ void addrestart(bench& b, data& d) {
         m.musthold = whole ? qbytes * (wide ? 3 : 1) : 4 * d.ncells * (wide ? 3 : 1);
         m.outputs = {whole ? qbytes : 4 * d.ncells};
         if (!whole && enc == 2) {
-          b.skip(m, "n/a: the one-variable reader reads every code but 0 as text, so a binary file fails by design");
+          b.skip(m,
+                 "n/a: the one-variable reader reads every code but 0 as text, so a binary file fails by "
+                 "design");
           continue;
         }
         m.call = [&g, file = m.file, enc, dbl, whole](bool last) -> std::int64_t {
@@ -1042,7 +1072,8 @@ void addrestart(bench& b, data& d) {
           mod_gridvars::readallvars = whole ? 1 : 0;
           zm::readzelmrstrtfile(name40(file), enc, dbl, g.nzones, g.ncellsz, q);
           if (!whole) {
-            for (int v = 1; v <= nvar; ++v) zm::readnextzelmrstrtvar(v, name40(file), enc, dbl, g.nzones, g.ncellsz, q);
+            for (int v = 1; v <= nvar; ++v)
+              zm::readnextzelmrstrtvar(v, name40(file), enc, dbl, g.nzones, g.ncellsz, q);
             zm::io::close(15);
           }
           if (!last) return 0;
@@ -1152,7 +1183,8 @@ void addpix(bench& b, data& d) {
           const int hi[2] = {zm::nfree, mod_gridvars::npixvar};
           h.ints(0, hi, 2);
           if (whole)
-            for (int v = 1; v <= mod_gridvars::npixvar; ++v) hashrow(h.h[1], pix, v, g.nptsz, g.nzones, enc == 1 && v > 6);
+            for (int v = 1; v <= mod_gridvars::npixvar; ++v)
+              hashrow(h.h[1], pix, v, g.nptsz, g.nzones, enc == 1 && v > 6);
           else
             hashrow(h.h[1], pix, 1, g.nptsz, g.nzones, false);
           (void)npix;
@@ -1225,8 +1257,8 @@ void addtecplot(bench& b, data& d) {
     mod_gridvars::numrstrtvar = 6;
   };
   m.call = [&d, &g, ifcell, file = m.file](bool) -> std::int64_t {
-    zm::writetecplotfile(name40(file), g.ndim, g.nzones, d.x8, g.nptsz, g.nfacesz, g.ncellsz, g.mnpfz, g.mfpcz, g.npf,
-                         g.ifnode, *ifcell, d.qnode);
+    zm::writetecplotfile(name40(file), g.ndim, g.nzones, d.x8, g.nptsz, g.nfacesz, g.ncellsz, g.mnpfz,
+                         g.mfpcz, g.npf, g.ifnode, *ifcell, d.qnode);
     return 0;
   };
   // The formatting floor: the node records of the cell zones and the body zone (coordinates and six
@@ -1238,7 +1270,8 @@ void addtecplot(bench& b, data& d) {
       for (int s = 1; s <= 2; ++s)
         if (g.ifcell(s, f) > 0) ++nf[static_cast<std::size_t>(g.ifcell(s, f))];
     std::int64_t ints = 0, nodes = 0;
-    for (index_t c = 1; c <= d.ncells; ++c) ints += nf[static_cast<std::size_t>(c)] == 4 ? 4 : nf[static_cast<std::size_t>(c)] == 5 ? 8 : 3;
+    for (index_t c = 1; c <= d.ncells; ++c)
+      ints += nf[static_cast<std::size_t>(c)] == 4 ? 4 : nf[static_cast<std::size_t>(c)] == 5 ? 8 : 3;
     for (index_t f = 1; f <= d.nfaces; ++f) {
       const bool boundary = g.ifcell(1, f) < 0 || g.ifcell(2, f) < 0;
       if (boundary) {
@@ -1247,7 +1280,8 @@ void addtecplot(bench& b, data& d) {
       }
       for (int j = 1; j <= g.npf(f); ++j) used[static_cast<std::size_t>(g.ifnode(j, f))] |= 1;
     }
-    for (index_t n = 1; n <= d.nnodes; ++n) nodes += (used[static_cast<std::size_t>(n)] & 1) + ((used[static_cast<std::size_t>(n)] >> 1) & 1);
+    for (index_t n = 1; n <= d.nnodes; ++n)
+      nodes += (used[static_cast<std::size_t>(n)] & 1) + ((used[static_cast<std::size_t>(n)] >> 1) & 1);
     static char buf[1 << 16];
     char* p = buf;
     index_t n = 1;
@@ -1284,7 +1318,8 @@ void addmeshio(bench& b, data& d) {
     for (int i = 1; i <= g.ndim; ++i) pts[static_cast<std::size_t>(3 * (n - 1) + i - 1)] = g.x(i, n);
   std::vector<double> pd(static_cast<std::size_t>(6 * d.nnodes));
   for (int v = 1; v <= 6; ++v)
-    for (index_t n = 1; n <= d.nnodes; ++n) pd[static_cast<std::size_t>((v - 1) * d.nnodes + n - 1)] = d.pix(v, n);
+    for (index_t n = 1; n <= d.nnodes; ++n)
+      pd[static_cast<std::size_t>((v - 1) * d.nnodes + n - 1)] = d.pix(v, n);
   const std::string md = d.path("meshio");
   fs::create_directories(md);
   writearray(md + "/points.f64", pts.data(), pts.size());
@@ -1355,24 +1390,26 @@ void writejson(const std::string& path, const data& d, const bench& b, double se
   char when[64];
   const std::time_t now = std::time(nullptr);
   std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S %Z", std::localtime(&now));
-  o << "{\n  \"date\": " << jsonstr(when) << ",\n  \"shape\": " << jsonstr(d.opt.shape) << ",\n  \"ndim\": " << d.g.ndim
-    << ",\n  \"zones\": " << d.g.nzones << ",\n  \"cells\": " << d.ncells << ",\n  \"nodes\": " << d.nnodes
-    << ",\n  \"faces\": " << d.nfaces << ",\n  \"nvar\": " << nvar << ",\n  \"nfree\": " << nfreevars
-    << ",\n  \"runs\": " << d.opt.runs << ",\n  \"fortran_runs\": " << d.opt.fruns << ",\n  \"meshio_runs\": "
-    << d.opt.mruns << ",\n  \"seconds\": " << seconds << ",\n  \"rows\": [\n";
+  o << "{\n  \"date\": " << jsonstr(when) << ",\n  \"shape\": " << jsonstr(d.opt.shape)
+    << ",\n  \"ndim\": " << d.g.ndim << ",\n  \"zones\": " << d.g.nzones << ",\n  \"cells\": " << d.ncells
+    << ",\n  \"nodes\": " << d.nnodes << ",\n  \"faces\": " << d.nfaces << ",\n  \"nvar\": " << nvar
+    << ",\n  \"nfree\": " << nfreevars << ",\n  \"runs\": " << d.opt.runs
+    << ",\n  \"fortran_runs\": " << d.opt.fruns << ",\n  \"meshio_runs\": " << d.opt.mruns
+    << ",\n  \"seconds\": " << seconds << ",\n  \"rows\": [\n";
   for (std::size_t i = 0; i < b.rows.size(); ++i) {
     const row& r = b.rows[i];
-    o << "    {\"name\": " << jsonstr(r.name) << ", \"impl\": " << jsonstr(r.impl) << ", \"enc\": " << jsonstr(r.enc)
-      << ", \"prec\": " << r.prec << ", \"bytes\": " << r.bytes << ", \"records\": " << r.records
-      << ", \"musthold\": " << r.musthold << ", \"reps\": " << r.reps << ", \"note\": " << jsonstr(r.note)
-      << ", \"samples\": [";
+    o << "    {\"name\": " << jsonstr(r.name) << ", \"impl\": " << jsonstr(r.impl)
+      << ", \"enc\": " << jsonstr(r.enc) << ", \"prec\": " << r.prec << ", \"bytes\": " << r.bytes
+      << ", \"records\": " << r.records << ", \"musthold\": " << r.musthold << ", \"reps\": " << r.reps
+      << ", \"note\": " << jsonstr(r.note) << ", \"samples\": [";
     for (std::size_t k = 0; k < r.samples.size(); ++k) {
       const sample& s = r.samples[k];
       char buf[256];
       std::snprintf(buf, sizeof buf,
-                    "%s{\"wall\": %.9g, \"cpu\": %.9g, \"peakkb\": %lld, \"basekb\": %lld, \"faults\": %lld, \"ok\": %d}",
-                    k ? ", " : "", s.wall, s.cpu, static_cast<long long>(s.peakkb), static_cast<long long>(s.basekb),
-                    static_cast<long long>(s.faults), s.ok);
+                    "%s{\"wall\": %.9g, \"cpu\": %.9g, \"peakkb\": %lld, \"basekb\": %lld, \"faults\": %lld, "
+                    "\"ok\": %d}",
+                    k ? ", " : "", s.wall, s.cpu, static_cast<long long>(s.peakkb),
+                    static_cast<long long>(s.basekb), static_cast<long long>(s.faults), s.ok);
       o << buf;
     }
     o << "]}" << (i + 1 < b.rows.size() ? "," : "") << "\n";
@@ -1423,8 +1460,8 @@ int main(int argc, char** argv) {
   }
   if (d.dir.size() > 40 - 10) die("the directory's path is too long for 40-character file names: " + d.dir);
 
-  std::printf("zelmbench: %s grid, %d zone(s), %lld cells, %lld nodes, %lld faces; files in %s\n", o.shape.c_str(),
-              d.g.nzones, static_cast<long long>(d.ncells), static_cast<long long>(d.nnodes),
+  std::printf("zelmbench: %s grid, %d zone(s), %lld cells, %lld nodes, %lld faces; files in %s\n",
+              o.shape.c_str(), d.g.nzones, static_cast<long long>(d.ncells), static_cast<long long>(d.nnodes),
               static_cast<long long>(d.nfaces), d.dir.c_str());
   std::printf("runs: %d library, %d Fortran path, %d meshio\n", o.runs, o.fortran.empty() ? 0 : o.fruns,
               o.meshio.empty() ? 0 : o.mruns);
@@ -1444,8 +1481,8 @@ int main(int argc, char** argv) {
       for (int dbl : {0, 1}) {
         if (enc == 1 && dbl) continue;
         const std::string s = suffix(enc, dbl);
-        zm::writezelmgrid(name40(d.path("g." + s)), enc, dbl, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz, g.nfacesz,
-                          g.ncellsz, g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
+        zm::writezelmgrid(name40(d.path("g." + s)), enc, dbl, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz,
+                          g.nfacesz, g.ncellsz, g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
         zm::io::close(4);
         zm::writezelmrstrtfile(name40(d.path("r." + s)), enc, dbl, g.nzones, g.ncellsz, d.q);
         zm::writezelmpixfile(name40(d.path("p." + s)), enc, dbl, g.nzones, g.nptsz, d.pix);

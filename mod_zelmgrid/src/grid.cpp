@@ -7,6 +7,8 @@
 //   per zone     one record per node: its ndim coordinates (4- or 8-byte reals by dblprec);
 //                one record per face: node count n, n node numbers, the two cells beside it.
 #include <climits>
+#include <cstdint>
+#include <cstring>
 
 #include "internal.hpp"
 
@@ -46,6 +48,125 @@ bool holdszones(int nzones, std::initializer_list<const farray<int, 1>*> arrays)
   for (const auto* a : arrays)
     if (a->extent(1) < nzones) return false;
   return true;
+}
+
+// ---- fast paths of the node and face statements -----------------------------------------------
+//
+// Node and face records make up nearly all of a grid file, and in the "unformatted" and "binary"
+// encodings most of the cost of one record is the general statement around it (sub-records,
+// records longer than their items, end of file, errors). The loops below take the common case
+// straight from or into the unit's buffer: a record that lies whole in the buffer, whose length
+// markers (framed) agree and hold exactly its items, and whose node count fits ifnode. Every other
+// record, and every record near the end of the file, goes through the statement as before, so what
+// is stored, written and reported is the same; each record counts as one statement.
+
+constexpr std::size_t marker = 4;
+
+int32_t load32(const char* p) {
+  int32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+void store32(char* p, int32_t v) {
+  std::memcpy(p, &v, 4);
+}
+
+// Reads node records i, i+1, ... < n: record j holds `rows` values of T for the column at
+// dst + j * stride. Returns the first record it did not read.
+template <class T>
+index_t fastnodes(io::unit& u, bool framed, T* dst, index_t stride, index_t rows, index_t i, index_t n) {
+  if (rows < 1 || stride < rows) return i;
+  const std::size_t payload = static_cast<std::size_t>(rows) * sizeof(T);
+  const std::size_t rec = payload + (framed ? 2 * marker : 0);
+  u.beginread();
+  while (i < n && u.fill(rec)) {
+    const char* p = u.rp();
+    const index_t m = std::min<index_t>(n - i, static_cast<index_t>(u.avail() / rec));
+    index_t done = 0;
+    if (!framed && stride == rows) {
+      std::memcpy(dst + i * stride, p, static_cast<std::size_t>(m) * payload);
+      done = m;
+    } else if (!framed) {
+      for (; done < m; ++done, p += rec) std::memcpy(dst + (i + done) * stride, p, payload);
+    } else {
+      const auto len = static_cast<int32_t>(payload);
+      for (; done < m; ++done, p += rec) {
+        if (load32(p) != len || load32(p + marker + payload) != len) break;
+        std::memcpy(dst + (i + done) * stride, p + marker, payload);
+      }
+    }
+    u.consume(static_cast<std::size_t>(done) * rec);
+    u.records += done;
+    i += done;
+    if (done < m) break;  // a record the statement must take
+  }
+  return i;
+}
+
+// Reads face records f, f+1, ... < fend (numbers from 1) into npf, ifnode (w slots a face) and
+// ifcell (`cs` a face, the first two read). Returns the first face it did not read.
+index_t fastfaces(io::unit& u, bool framed, int* npf, int* ifnode, index_t w, int* ifcell, index_t cs,
+                  index_t f, index_t fend) {
+  if (cs < 2) return f;
+  const std::size_t head = framed ? marker : 0;
+  const std::size_t most = 4 * static_cast<std::size_t>(w + 3) + 2 * head;
+  u.beginread();
+  bool irregular = false;
+  while (f < fend && !irregular && u.fill(most)) {
+    const char* const start = u.rp();
+    const char* p = start;
+    const char* const end = start + u.avail();
+    index_t done = 0;
+    while (f < fend && static_cast<std::size_t>(end - p) >= most) {
+      const int32_t count = load32(p + head);
+      if (count > w) {
+        irregular = true;
+        break;
+      }
+      const std::size_t k = count > 0 ? static_cast<std::size_t>(count) : 0;
+      const std::size_t payload = 4 * (k + 3);
+      if (framed && (load32(p) != static_cast<int32_t>(payload) ||
+                     load32(p + marker + payload) != static_cast<int32_t>(payload))) {
+        irregular = true;
+        break;
+      }
+      npf[f - 1] = count;
+      std::memcpy(ifnode + (f - 1) * w, p + head + 4, 4 * k);
+      std::memcpy(ifcell + cs * (f - 1), p + head + 4 + 4 * k, 8);
+      p += payload + 2 * head;
+      ++f;
+      ++done;
+    }
+    u.consume(static_cast<std::size_t>(p - start));
+    u.records += done;
+  }
+  return f;
+}
+
+// Writes node records i < n: record j holds `rows` values of T from the column at src + j * stride.
+template <class T>
+void putnodes(io::unit& u, bool framed, const T* src, index_t stride, index_t rows, index_t n) {
+  const std::size_t payload = static_cast<std::size_t>(std::max<index_t>(rows, 0)) * sizeof(T);
+  const std::size_t rec = payload + (framed ? 2 * marker : 0);
+  if (rows < 1 || rec > io::unit::bufferlimit ||
+      (framed && payload > static_cast<std::size_t>(io::maxsubrecord()))) {
+    for (index_t j = 0; j < n; ++j) io::rawwrite(u, io::items(src + j * stride, rows));
+    return;
+  }
+  u.beginwrite();
+  const auto len = static_cast<int32_t>(payload);
+  for (index_t j = 0; j < n;) {
+    char* w = u.wspace(rec);
+    const index_t m = std::min<index_t>(n - j, static_cast<index_t>(u.wroom() / rec));
+    for (index_t e = 0; e < m; ++e, ++j) {
+      if (framed) store32(w, len);
+      std::memcpy(w + (framed ? marker : 0), src + j * stride, payload);
+      if (framed) store32(w + marker + payload, len);
+      w += rec;
+    }
+    u.wcommit(static_cast<std::size_t>(m) * rec);
+    u.records += m;
+  }
 }
 
 // Chained allocation of the five per-zone count arrays.
@@ -163,6 +284,12 @@ void readzelmgrid(const char40& filename, const int& filetype, const logical& db
       const bool emptyrecords = n > 0 && ndim <= 0 && filetype == binary;
       if (emptyrecords) u.records += n;
       for (index_t i = emptyrecords ? n : 0; i < n; ++i) {
+        if (filetype != formatted) {
+          const bool framed = filetype == unformatted;
+          i = wide ? fastnodes(u, framed, x8.data() + (node - 1) * x8.extent(1), x8.extent(1), ndim, i, n)
+                   : fastnodes(u, framed, x.data() + (node - 1) * x.extent(1), x.extent(1), ndim, i, n);
+          if (i >= n) break;
+        }
         u.context = {"zone", k, "node", i + 1};
         const rstat st =
             wide ? readrecord(u, filetype, io::items(x8.data() + (node + i - 1) * x8.extent(1), ndim))
@@ -179,6 +306,12 @@ void readzelmgrid(const char40& filename, const int& filetype, const logical& db
                                             " faces do not fit the connectivity arrays");
         const index_t w = ifnode.extent(1);
         for (index_t i = 0; i < nf; ++i) {
+          if (filetype != formatted) {
+            i = fastfaces(u, filetype == unformatted, npf.data(), ifnode.data(), w, ifcell.data(),
+                          ifcell.extent(1), face + i, face + nf) -
+                face;
+            if (i >= nf) break;
+          }
           const index_t f = face + i;
           u.context = {"zone", k, "face", i + 1};
           const io::lazyseq<int> nodes{ifnode.data() + (f - 1) * w, &npf(f), w};
@@ -266,21 +399,45 @@ void writezelmgrid(const char40& filename, const int& filetype, const logical& d
   const index_t w = ifnode.extent(1);
   for (int k = 1; k <= nzones; ++k) {
     io::print("Writing Grid Points in Zone ", k, "...");
-    for (index_t i = 0; i < nptsz(k); ++i) {
-      const index_t col = node + i - 1;
-      if (text)
+    if (text) {
+      for (index_t i = 0; i < nptsz(k); ++i) {
+        const index_t col = node + i - 1;
         io::listwrite(u, io::items(x.data() + col * x.extent(1), ndim));
-      else if (wide)
-        io::rawwrite(u, io::items(x8.data() + col * x8.extent(1), ndim));
+      }
+    } else if (nptsz(k) > 0) {
+      const bool framed = filetype == unformatted;
+      if (wide)
+        putnodes(u, framed, x8.data() + (node - 1) * x8.extent(1), x8.extent(1), ndim, nptsz(k));
       else
-        io::rawwrite(u, io::items(x.data() + col * x.extent(1), ndim));
+        putnodes(u, framed, x.data() + (node - 1) * x.extent(1), x.extent(1), ndim, nptsz(k));
     }
     io::print("Writing Connectivity in Zone ", k, "...");
+    const bool framed = filetype == unformatted;
+    const std::size_t head = framed ? marker : 0;
+    const std::size_t most = 4 * static_cast<std::size_t>(std::max<index_t>(w, 0) + 3) + 2 * head;
+    const bool fast = !text && most <= io::unit::bufferlimit &&
+                      (!framed || most - 2 * head <= static_cast<std::size_t>(io::maxsubrecord()));
+    if (fast) u.beginwrite();
     for (index_t i = 0; i < nfacesz(k); ++i) {
       const index_t f = face + i;
       const int n = npf(f);
-      detail::requirearray(n <= w, routine,
-                           "face " + std::to_string(f) + " has more nodes than ifnode holds");
+      if (n > w)  // the message is only built for a face that ends the run
+        detail::requirearray(false, routine,
+                             "face " + std::to_string(f) + " has more nodes than ifnode holds");
+      if (fast) {
+        // The record straight into the buffer: count, nodes, cells (with its length markers).
+        const std::size_t kn = n > 0 ? static_cast<std::size_t>(n) : 0;
+        const std::size_t payload = 4 * (kn + 3);
+        char* b = u.wspace(payload + 2 * head);
+        if (framed) store32(b, static_cast<int32_t>(payload));
+        store32(b + head, n);
+        std::memcpy(b + head + 4, ifnode.data() + (f - 1) * w, 4 * kn);
+        std::memcpy(b + head + 4 + 4 * kn, ifcell.data() + (f - 1) * ifcell.extent(1), 8);
+        if (framed) store32(b + head + payload, static_cast<int32_t>(payload));
+        u.wcommit(payload + 2 * head);
+        ++u.records;
+        continue;
+      }
       const auto nodes = io::items(ifnode.data() + (f - 1) * w, n);
       if (text)
         io::listwrite(u, n, nodes, ifcell(1, f), ifcell(2, f));

@@ -26,8 +26,9 @@ void* allocatebytes(std::size_t bytes);
 void releasebytes(void* p, std::size_t bytes);
 }  // namespace detail
 
-// Whether large arrays are aligned to 2 MiB and marked for transparent huge pages (the default).
-// Off, they come from the heap in 4 KiB pages like any other allocation.
+// Whether large arrays are aligned to 2 MiB and marked for transparent huge pages, and arrays of
+// 64 KiB and more have their remaining pages mapped in at once (the default). Off, every array
+// comes from the heap and its 4 KiB pages fault in one at a time as they are first written.
 extern bool hugepages;
 
 // Byte written into every new allocation when set (0..255); -1, the default, leaves memory as the
