@@ -473,7 +473,7 @@ cellnodes nodesofcells(const zelmgen::grid& g) {
 template <class T>
 void writearray(const std::string& p, const T* a, std::size_t n) {
   std::FILE* f = std::fopen(p.c_str(), "wb");
-  if (f == nullptr || std::fwrite(a, sizeof(T), n, f) != n) die("cannot write " + p);
+  if (f == nullptr || (n > 0 && std::fwrite(a, sizeof(T), n, f) != n)) die("cannot write " + p);
   std::fclose(f);
 }
 
