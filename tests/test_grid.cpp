@@ -461,14 +461,14 @@ TEST_F(gridfiles, WriterWithAnUnknownCodeIgnoresItsArrays) {
   farray<float, 2> x;
   farray<int, 1> nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf;
   farray<int, 2> ifnode, ifcell;
-  EXPECT_NO_THROW(writezelmgrid("g.dat", -1, 1, 3, 4, 0, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf, ifnode,
-                                ifcell));
+  EXPECT_NO_THROW(
+      writezelmgrid("g.dat", -1, 1, 3, 4, 0, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf, ifnode, ifcell));
   EXPECT_FALSE(std::filesystem::exists("g.dat"));
   EXPECT_FALSE(io::isconnected(4));
   EXPECT_EQ(zt::services().announced.size(), 1u);
   // With a valid code the same arrays end the run instead of being read outside their storage.
-  EXPECT_THROW(writezelmgrid("g.dat", binary, 0, 3, 4, 0, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf, ifnode,
-                             ifcell),
+  EXPECT_THROW(writezelmgrid("g.dat", binary, 0, 3, 4, 0, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf,
+                             ifnode, ifcell),
                zt::iofailure);
 }
 
@@ -483,7 +483,8 @@ TEST_F(gridfiles, AnArrayPassedAllocatedAndTooSmallStopsTheReadAtItsRecord) {
   EXPECT_EQ(zt::services().allocstatuses, (std::vector<int>{0, 0, fortran::stat_already_allocated}));
   EXPECT_EQ(zt::services().readerrors, 1);
   EXPECT_EQ(zt::services().lastdetail,
-            "\"g.dat\" (unformatted, unit 13), record 3 (zone 1 node 1) at byte 68: zone 1's 4 nodes do not fit the "
+            "\"g.dat\" (unformatted, unit 13), record 3 (zone 1 node 1) at byte 68: zone 1's 4 nodes do not "
+            "fit the "
             "coordinate array");
   EXPECT_EQ(r.x.extent(2), 2);
 }
@@ -510,11 +511,24 @@ TEST_F(gridfiles, FormattedAndBinaryBytesOfAOneFaceGrid) {
             "           2           1           2           1          -1\n");
   g.write("g.dat", binary, 0);
   EXPECT_EQ(zt::readfile("g.dat"), bytes()
-                                       .i4(2).i4(1).i4(5)
-                                       .i4(2).i4(1).i4(1).i4(2).i4(3)
-                                       .r4(0.5f).r4(1.5f)
-                                       .r4(-2.5e-7f).r4(3.5e12f)
-                                       .i4(2).i4(1).i4(2).i4(1).i4(-1).b);
+                                       .i4(2)
+                                       .i4(1)
+                                       .i4(5)
+                                       .i4(2)
+                                       .i4(1)
+                                       .i4(1)
+                                       .i4(2)
+                                       .i4(3)
+                                       .r4(0.5f)
+                                       .r4(1.5f)
+                                       .r4(-2.5e-7f)
+                                       .r4(3.5e12f)
+                                       .i4(2)
+                                       .i4(1)
+                                       .i4(2)
+                                       .i4(1)
+                                       .i4(-1)
+                                       .b);
   zt::grid r;
   r.read("g.txt", formatted, 0);
   EXPECT_EQ(r.x(1, 2), -2.5e-7f);

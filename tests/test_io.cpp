@@ -79,10 +79,7 @@ TEST_F(encoding, LongRecordsAreSplitIntoSubrecordsWithNegatedMarkers) {
   io::rawwrite(io::getunit(u1), io::items(v, 5));
   io::close(u1);
   // 20 bytes in sub-records of 8, 8 and 4.
-  const auto expect = bytes()
-                          .i4(-8).i4(1).i4(2).i4(8)
-                          .i4(-8).i4(3).i4(4).i4(-8)
-                          .i4(4).i4(5).i4(-4);
+  const auto expect = bytes().i4(-8).i4(1).i4(2).i4(8).i4(-8).i4(3).i4(4).i4(-8).i4(4).i4(5).i4(-4);
   EXPECT_EQ(zt::readfile("f.dat"), expect.b);
   io::open(u1, "f.dat", "unformatted", "old");
   int r[5] = {};
@@ -122,11 +119,8 @@ TEST_F(encoding, ARecordOfAnExactMultipleOfTheSubrecordLength) {
   io::rawwrite(io::getunit(u1));  // an empty record is not split
   io::rawwrite(io::getunit(u1), 9);
   io::close(u1);
-  EXPECT_EQ(zt::readfile("f.dat"), bytes()
-                                       .i4(-8).i4(1).i4(2).i4(8)
-                                       .i4(8).i4(3).i4(4).i4(-8)
-                                       .i4(0).i4(0)
-                                       .i4(4).i4(9).i4(4).b);
+  EXPECT_EQ(zt::readfile("f.dat"),
+            bytes().i4(-8).i4(1).i4(2).i4(8).i4(8).i4(3).i4(4).i4(-8).i4(0).i4(0).i4(4).i4(9).i4(4).b);
   io::open(u1, "f.dat", "unformatted", "old");
   auto& u = io::getunit(u1);
   int r[4] = {};
@@ -151,10 +145,19 @@ TEST_F(encoding, ItemsAreSplitBetweenSubrecordsAndPartialReadsSkipTheChain) {
   std::memcpy(d, &two5, 8);
   const auto first = bytes().i4(7).raw(d, 8);  // 12 bytes: sub-records of 5, 5 and 2
   EXPECT_EQ(zt::readfile("f.dat"), bytes()
-                                       .i4(-5).raw(first.b.data(), 5).i4(5)
-                                       .i4(-5).raw(first.b.data() + 5, 5).i4(-5)
-                                       .i4(2).raw(first.b.data() + 10, 2).i4(-2)
-                                       .i4(4).i4(8).i4(4).b);
+                                       .i4(-5)
+                                       .raw(first.b.data(), 5)
+                                       .i4(5)
+                                       .i4(-5)
+                                       .raw(first.b.data() + 5, 5)
+                                       .i4(-5)
+                                       .i4(2)
+                                       .raw(first.b.data() + 10, 2)
+                                       .i4(-2)
+                                       .i4(4)
+                                       .i4(8)
+                                       .i4(4)
+                                       .b);
   io::open(u1, "f.dat", "unformatted", "old");
   auto& u = io::getunit(u1);
   int a = 0, b = 0;
@@ -173,7 +176,8 @@ TEST_F(encoding, ARecordEndingInsideAnItemLeavesThatItemUnchanged) {
   int a = 0x11111111;
   EXPECT_EQ(io::rawread(u, a), rstat::error);
   EXPECT_EQ(a, 0x11111111);
-  EXPECT_NE(io::lastreaderror().find("(0 bytes read, 4 more wanted)"), std::string::npos) << io::lastreaderror();
+  EXPECT_NE(io::lastreaderror().find("(0 bytes read, 4 more wanted)"), std::string::npos)
+      << io::lastreaderror();
   io::close(u1);
   io::open(u1, "f.dat", "unformatted", "old");
   EXPECT_EQ(io::rawread(u), rstat::ok);  // skips the 3-byte record
@@ -229,7 +233,9 @@ struct listcase {
   const char* expect;  // the values read, as "%g" separated by blanks ("_" for unchanged)
 };
 
-void PrintTo(const listcase& c, std::ostream* os) { *os << ::testing::PrintToString(std::string(c.text)); }
+void PrintTo(const listcase& c, std::ostream* os) {
+  *os << ::testing::PrintToString(std::string(c.text));
+}
 
 class listinput : public zt::zelmtest, public ::testing::WithParamInterface<listcase> {};
 
@@ -249,15 +255,17 @@ TEST_P(listinput, ReadsValues) {
   EXPECT_EQ(got, c.expect);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    table, listinput,
-    ::testing::Values(listcase{"1 2 3\n", 3, "1 2 3"}, listcase{"1,2,3\n", 3, "1 2 3"},
-                      listcase{" 1 , 2 ,3\n", 3, "1 2 3"}, listcase{"1\n2\n\n3\n", 3, "1 2 3"},
-                      listcase{"3*7\n", 3, "7 7 7"}, listcase{"2*7 1\n", 3, "7 7 1"},
-                      listcase{"1,,3\n", 3, "1 _ 3"}, listcase{",2\n", 2, "_ 2"},
-                      listcase{"2* 5\n", 3, "_ _ 5"}, listcase{"1 2 / 9\n", 3, "1 2 _"},
-                      listcase{"1.5E2 2.5D-1 -3e+0\n", 3, "150 0.25 -3"}, listcase{"1.5+2 +4 .5\n", 3, "150 4 0.5"},
-                      listcase{"1 2 3 4 5\n", 2, "1 2"}, listcase{"\t1\t2\r\n", 2, "1 2"}));
+INSTANTIATE_TEST_SUITE_P(table, listinput,
+                         ::testing::Values(listcase{"1 2 3\n", 3, "1 2 3"}, listcase{"1,2,3\n", 3, "1 2 3"},
+                                           listcase{" 1 , 2 ,3\n", 3, "1 2 3"},
+                                           listcase{"1\n2\n\n3\n", 3, "1 2 3"}, listcase{"3*7\n", 3, "7 7 7"},
+                                           listcase{"2*7 1\n", 3, "7 7 1"}, listcase{"1,,3\n", 3, "1 _ 3"},
+                                           listcase{",2\n", 2, "_ 2"}, listcase{"2* 5\n", 3, "_ _ 5"},
+                                           listcase{"1 2 / 9\n", 3, "1 2 _"},
+                                           listcase{"1.5E2 2.5D-1 -3e+0\n", 3, "150 0.25 -3"},
+                                           listcase{"1.5+2 +4 .5\n", 3, "150 4 0.5"},
+                                           listcase{"1 2 3 4 5\n", 2, "1 2"},
+                                           listcase{"\t1\t2\r\n", 2, "1 2"}));
 
 TEST_F(encoding, ListReadDiscardsTheRestOfTheLastLineUsed) {
   zt::writefile("f.txt", "1 2 3\n4 5\n6\n");

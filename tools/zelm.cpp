@@ -506,7 +506,8 @@ int sample(const args& a) {
     const char* name;
     zelmgen::grid g;
   };
-  samplegrid grids[] = {{"flow2d", zelmgen::quadtri(16, 12, false, 2)}, {"flow3d", zelmgen::tetprism(8, 8, 6, 3)}};
+  samplegrid grids[] = {{"flow2d", zelmgen::quadtri(16, 12, false, 2)},
+                        {"flow3d", zelmgen::tetprism(8, 8, 6, 3)}};
   for (auto& s : grids) {
     const auto g = typed(s.g);
     const auto values = zelmgen::nodesolution(s.g, 1);

@@ -59,7 +59,9 @@ void* allocatebytes(std::size_t bytes) {
   return p;
 }
 
-void releasebytes(void* p, std::size_t /*bytes*/) { std::free(p); }
+void releasebytes(void* p, std::size_t /*bytes*/) {
+  std::free(p);
+}
 
 }  // namespace detail
 }  // namespace fortran

@@ -14,9 +14,13 @@ namespace mod_zelmgrid::io {
 
 namespace {
 
-std::string str(std::int64_t v) { return std::to_string(v); }
+std::string str(std::int64_t v) {
+  return std::to_string(v);
+}
 
-std::int64_t magnitude(std::int32_t m) { return m < 0 ? -static_cast<std::int64_t>(m) : m; }
+std::int64_t magnitude(std::int32_t m) {
+  return m < 0 ? -static_cast<std::int64_t>(m) : m;
+}
 
 }  // namespace
 
@@ -28,8 +32,7 @@ rawin::rawin(unit& u) : u_(u) {
     failwith(rstat::error, "the unit is not connected to a file");
     return;
   }
-  if (u_.connectedform() == form::formatted)
-    {
+  if (u_.connectedform() == form::formatted) {
     failwith(rstat::error, "an unformatted read from a file connected for formatted access");
     return;
   }
@@ -39,13 +42,13 @@ rawin::rawin(unit& u) : u_(u) {
   if (!framed_) return;
   if (!u_.fill(4)) {
     if (u_.avail() == 0) {
-    failwith(rstat::end, "end of file");
-    return;
-  }
+      failwith(rstat::end, "end of file");
+      return;
+    }
     {
-    failwith(rstat::error, "the file ends inside a record's length marker (truncated file)");
-    return;
-  }
+      failwith(rstat::error, "the file ends inside a record's length marker (truncated file)");
+      return;
+    }
   }
   readmarker(lead_, true);
   left_ = magnitude(lead_);
@@ -104,8 +107,8 @@ void rawin::slowget(char* dst, std::size_t bytes, std::size_t elem) {
   while (limit > 0 && st_ == rstat::ok) {
     if (framed_ && left_ == 0) {
       if (!more_) {
-        return failwith(rstat::error, "the record holds fewer data than the statement reads (" +
-                                          str(taken_) + " bytes read, " + str(static_cast<std::int64_t>(bytes)) +
+        return failwith(rstat::error, "the record holds fewer data than the statement reads (" + str(taken_) +
+                                          " bytes read, " + str(static_cast<std::int64_t>(bytes)) +
                                           " more wanted)");
       }
       nextsubrecord();
@@ -131,7 +134,8 @@ void rawin::slowget(char* dst, std::size_t bytes, std::size_t elem) {
   if (st_ != rstat::ok || bytes == 0) return;
   if (framed_ && !more_ && left_ < static_cast<std::int64_t>(bytes))
     return failwith(rstat::error, "the record holds fewer data than the statement reads (" + str(taken_) +
-                                      " bytes read, " + str(static_cast<std::int64_t>(bytes)) + " more wanted)");
+                                      " bytes read, " + str(static_cast<std::int64_t>(bytes)) +
+                                      " more wanted)");
   if (framed_) return failwith(rstat::error, "the file ends inside a record (truncated file)");
   failwith(rstat::end, "end of file: " + str(rem < 0 ? 0 : rem) + " bytes left where the statement reads " +
                            str(static_cast<std::int64_t>(bytes)));
@@ -166,7 +170,7 @@ rawout::rawout(unit& u) : u_(u) {
     u_.failure("cannot write to unit " + std::to_string(u_.number()) + ": it is not connected to a file");
   if (u_.connectedform() == form::formatted)
     u_.failure("cannot write unformatted data to \"" + u_.file() + "\" (unit " + std::to_string(u_.number()) +
-         "): it is connected for formatted access");
+               "): it is connected for formatted access");
   u_.beginwrite();
   ++u_.records;
   framed_ = u_.connectedform() == form::unformatted;

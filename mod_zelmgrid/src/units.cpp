@@ -26,13 +26,27 @@ constexpr std::size_t stdoutbuffer = std::size_t{1} << 16;
 constexpr int stdoutunit = 6;
 constexpr int largestunit = 99999;
 
-int sysopen(const char* p, int flags, int mode) { return ::open(p, flags, mode); }
-long sysread(int fd, void* b, std::size_t n) { return ::read(fd, b, n); }
-long syswrite(int fd, const void* b, std::size_t n) { return ::write(fd, b, n); }
-long syspwrite(int fd, const void* b, std::size_t n, std::int64_t o) { return ::pwrite(fd, b, n, o); }
-std::int64_t syslseek(int fd, std::int64_t o, int w) { return ::lseek(fd, o, w); }
-int sysftruncate(int fd, std::int64_t l) { return ::ftruncate(fd, l); }
-int sysclose(int fd) { return ::close(fd); }
+int sysopen(const char* p, int flags, int mode) {
+  return ::open(p, flags, mode);
+}
+long sysread(int fd, void* b, std::size_t n) {
+  return ::read(fd, b, n);
+}
+long syswrite(int fd, const void* b, std::size_t n) {
+  return ::write(fd, b, n);
+}
+long syspwrite(int fd, const void* b, std::size_t n, std::int64_t o) {
+  return ::pwrite(fd, b, n, o);
+}
+std::int64_t syslseek(int fd, std::int64_t o, int w) {
+  return ::lseek(fd, o, w);
+}
+int sysftruncate(int fd, std::int64_t l) {
+  return ::ftruncate(fd, l);
+}
+int sysclose(int fd) {
+  return ::close(fd);
+}
 
 const sysapi realcalls{sysopen, sysread, syswrite, syspwrite, syslseek, sysftruncate, sysclose};
 sysapi calls = realcalls;
@@ -46,7 +60,9 @@ void defaultfailure(const std::string& message) {
   std::fprintf(stderr, "zelmgrid: I/O error: %s\n", message.c_str());
   std::exit(2);
 }
-void defaultstop() { std::exit(0); }
+void defaultstop() {
+  std::exit(0);
+}
 
 failurehandler onfailure = defaultfailure;
 stophandler onstop = defaultstop;
@@ -73,13 +89,17 @@ std::string lower(std::string_view s) {
   return r;
 }
 
-std::string quoted(std::string_view s) { return '"' + std::string(s) + '"'; }
+std::string quoted(std::string_view s) {
+  return '"' + std::string(s) + '"';
+}
 
 // File buffers. A large one is a whole huge page where the array type uses them (first-touching it
 // costs one fault instead of 512), and 1 MiB of 4 KiB pages otherwise. The buffer of a unit that is
 // disconnected is kept for the next connection, so that opening file after file reuses memory that
 // is already touched.
-std::size_t largebuffer() { return fortran::hugepages ? hugepage : unit::bufferlimit; }
+std::size_t largebuffer() {
+  return fortran::hugepages ? hugepage : unit::bufferlimit;
+}
 
 struct sparebuffer {
   char* p = nullptr;
@@ -151,13 +171,25 @@ void stop() {
   std::abort();
 }
 
-sysapi& sys() { return calls; }
-const sysapi& realsys() { return realcalls; }
+sysapi& sys() {
+  return calls;
+}
+const sysapi& realsys() {
+  return realcalls;
+}
 
-void setmaxsubrecord(std::int32_t bytes) { maxsub = bytes > 0 ? bytes : 2147483639; }
-std::int32_t maxsubrecord() { return maxsub; }
-void setstdout(std::FILE* f) { stdoutsink = f; }
-const std::string& lastreaderror() { return lasterror; }
+void setmaxsubrecord(std::int32_t bytes) {
+  maxsub = bytes > 0 ? bytes : 2147483639;
+}
+std::int32_t maxsubrecord() {
+  return maxsub;
+}
+void setstdout(std::FILE* f) {
+  stdoutsink = f;
+}
+const std::string& lastreaderror() {
+  return lasterror;
+}
 
 // ---- unit -------------------------------------------------------------------------------------
 
@@ -230,8 +262,10 @@ void unit::connect(const std::string& name, form f, bool create) {
   struct stat sb {};
   const bool exists = ::stat(name.c_str(), &sb) == 0;
   if (!create && !exists)
-    failure("cannot open " + quoted(name) + on + " as " + formname(f) + " (status \"old\"): " + std::strerror(ENOENT));
-  if (exists && S_ISDIR(sb.st_mode)) failure("cannot open " + quoted(name) + on + ": " + std::strerror(EISDIR));
+    failure("cannot open " + quoted(name) + on + " as " + formname(f) +
+            " (status \"old\"): " + std::strerror(ENOENT));
+  if (exists && S_ISDIR(sb.st_mode))
+    failure("cannot open " + quoted(name) + on + ": " + std::strerror(EISDIR));
   int fd = calls.open(name.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
   if (fd < 0 && !create && (errno == EACCES || errno == EROFS))
     fd = calls.open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);  // readable only: enough for reading
@@ -484,7 +518,8 @@ void open(int number, std::string_view file, std::string_view formword, std::str
   }
   if (exists) {
     for (auto& other : table().units)
-      if (other && other.get() != &u && other->fd_ >= 0 && other->dev_ == sb.st_dev && other->ino_ == sb.st_ino)
+      if (other && other.get() != &u && other->fd_ >= 0 && other->dev_ == sb.st_dev &&
+          other->ino_ == sb.st_ino)
         fail("cannot open " + quoted(name) + " on " + unitname + ": the file is already connected to unit " +
              std::to_string(other->number_));
   }

@@ -207,9 +207,10 @@ TEST_F(bundled, AllocationFailuresAreReportedAndTheRoutineGoesOn) {
   r.read("g.dat", unformatted, 0);
   const std::string out = ::testing::internal::GetCapturedStdout();
   const std::string err = ::testing::internal::GetCapturedStderr();
-  EXPECT_NE(out.find(" note: allocation status 1 (the array is already allocated and kept) while reading grid file "
-                     "\"g.dat\"\n"),
-            std::string::npos)
+  EXPECT_NE(
+      out.find(" note: allocation status 1 (the array is already allocated and kept) while reading grid file "
+               "\"g.dat\"\n"),
+      std::string::npos)
       << out;
   EXPECT_EQ(
       err,

@@ -12,13 +12,14 @@ struct grid {
   fortran::farray<int, 2> ifnode, ifcell;
 
   void write(const fortran::char40& name, int filetype, fortran::logical dblprec) const {
-    mod_zelmgrid::writezelmgrid(name, filetype, dblprec, ndim, nzones, ngridaux, x, nptsz, nfacesz, ncellsz, mnpfz,
-                                mfpcz, npf, ifnode, ifcell);
+    mod_zelmgrid::writezelmgrid(name, filetype, dblprec, ndim, nzones, ngridaux, x, nptsz, nfacesz, ncellsz,
+                                mnpfz, mfpcz, npf, ifnode, ifcell);
     mod_zelmgrid::io::close(4);
   }
-  void read(const fortran::char40& name, int filetype, fortran::logical dblprec, fortran::logical readconn = 1) {
-    mod_zelmgrid::readzelmgrid(name, filetype, dblprec, ndim, nzones, ngridaux, x, nptsz, nfacesz, ncellsz, mnpfz,
-                               mfpcz, npf, ifnode, ifcell, readconn);
+  void read(const fortran::char40& name, int filetype, fortran::logical dblprec,
+            fortran::logical readconn = 1) {
+    mod_zelmgrid::readzelmgrid(name, filetype, dblprec, ndim, nzones, ngridaux, x, nptsz, nfacesz, ncellsz,
+                               mnpfz, mfpcz, npf, ifnode, ifcell, readconn);
   }
 };
 

@@ -12,8 +12,8 @@ std::FILE* announcements = nullptr;
 
 void dispreadwrite(const int& iop, const int& ikind, const int& ilevel, const char40& filename,
                    const int& filetype, const logical& dblprec, const int* ivar) {
-  zt::services().announced.push_back(
-      {iop, ikind, ilevel, std::string(filename.trimmed()), filetype, dblprec, ivar != nullptr, ivar ? *ivar : 0});
+  zt::services().announced.push_back({iop, ikind, ilevel, std::string(filename.trimmed()), filetype, dblprec,
+                                      ivar != nullptr, ivar ? *ivar : 0});
 }
 
 void dispfilereaderror() {
@@ -21,6 +21,8 @@ void dispfilereaderror() {
   zt::services().lastdetail = readerrordetail;
 }
 
-void checkallocationerror(const int& istat) { zt::services().allocstatuses.push_back(istat); }
+void checkallocationerror(const int& istat) {
+  zt::services().allocstatuses.push_back(istat);
+}
 
 }  // namespace mod_gridvars

@@ -43,8 +43,12 @@ std::vector<std::string> lines(const std::string& text) {
 }
 
 namespace {
-void throwingfailure(const std::string& message) { throw iofailure(message); }
-void throwingstop() { throw stopped(); }
+void throwingfailure(const std::string& message) {
+  throw iofailure(message);
+}
+void throwingstop() {
+  throw stopped();
+}
 }  // namespace
 
 void zelmtest::SetUp() {
@@ -60,7 +64,8 @@ void zelmtest::SetUp() {
   mod_zelmgrid::io::setfailurehandler(throwingfailure);
   mod_zelmgrid::io::setstophandler(throwingstop);
   const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::string leaf = std::string(info->test_suite_name()) + "." + info->name() + "." + std::to_string(::getpid());
+  std::string leaf =
+      std::string(info->test_suite_name()) + "." + info->name() + "." + std::to_string(::getpid());
   for (char& c : leaf)
     if (c == '/') c = '_';
   dir_ = std::filesystem::temp_directory_path() / "zelmgrid-tests" / leaf;
@@ -77,6 +82,8 @@ void zelmtest::TearDown() {
   if (!HasFailure()) std::filesystem::remove_all(dir_);
 }
 
-fortran::char40 zelmtest::name40(const std::string& name) const { return fortran::char40(name); }
+fortran::char40 zelmtest::name40(const std::string& name) const {
+  return fortran::char40(name);
+}
 
 }  // namespace zt

@@ -13,7 +13,9 @@ namespace fortran {
 
 // A logical of the file routines: 4 bytes, only its lowest bit is tested.
 using logical = std::int32_t;
-constexpr bool istrue(logical l) { return (l & 1) != 0; }
+constexpr bool istrue(logical l) {
+  return (l & 1) != 0;
+}
 
 // A text of exactly N characters, blank-padded. Trailing blanks are not part of a file name.
 template <std::size_t N>
@@ -25,7 +27,7 @@ struct ftext {
     c.fill(' ');
     std::copy_n(s.begin(), std::min(s.size(), N), c.begin());
   }
-  ftext(const char* s) : ftext(std::string_view(s)) {}          // NOLINT(google-explicit-constructor)
+  ftext(const char* s) : ftext(std::string_view(s)) {}         // NOLINT(google-explicit-constructor)
   ftext(const std::string& s) : ftext(std::string_view(s)) {}  // NOLINT(google-explicit-constructor)
 
   static constexpr std::size_t length = N;

@@ -60,16 +60,8 @@ class farray {
 
   // Allocates with the given extents; negative extents count as 0. Returns 0, or a non-zero status
   // and leaves the array as it was.
-  int allocate(index_t n1)
-    requires(Rank == 1)
-  {
-    return allocateextents({n1});
-  }
-  int allocate(index_t n1, index_t n2)
-    requires(Rank == 2)
-  {
-    return allocateextents({n1, n2});
-  }
+  int allocate(index_t n1) requires(Rank == 1) { return allocateextents({n1}); }
+  int allocate(index_t n1, index_t n2) requires(Rank == 2) { return allocateextents({n1, n2}); }
 
   // Releases the storage. Returns 0, or stat_not_allocated when there was nothing to release.
   int deallocate() {
@@ -87,27 +79,19 @@ class farray {
   // Extent of dimension dim (1-based); 0 when unallocated.
   index_t extent(int dim) const { return allocated_ ? n_[dim - 1] : 0; }
 
-  T& operator()(index_t i)
-    requires(Rank == 1)
-  {
+  T& operator()(index_t i) requires(Rank == 1) {
     assert(allocated_ && i >= 1 && i <= n_[0]);
     return p_[i - 1];
   }
-  const T& operator()(index_t i) const
-    requires(Rank == 1)
-  {
+  const T& operator()(index_t i) const requires(Rank == 1) {
     assert(allocated_ && i >= 1 && i <= n_[0]);
     return p_[i - 1];
   }
-  T& operator()(index_t i, index_t j)
-    requires(Rank == 2)
-  {
+  T& operator()(index_t i, index_t j) requires(Rank == 2) {
     assert(allocated_ && i >= 1 && i <= n_[0] && j >= 1 && j <= n_[1]);
     return p_[(i - 1) + (j - 1) * n_[0]];
   }
-  const T& operator()(index_t i, index_t j) const
-    requires(Rank == 2)
-  {
+  const T& operator()(index_t i, index_t j) const requires(Rank == 2) {
     assert(allocated_ && i >= 1 && i <= n_[0] && j >= 1 && j <= n_[1]);
     return p_[(i - 1) + (j - 1) * n_[0]];
   }

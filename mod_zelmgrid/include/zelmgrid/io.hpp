@@ -68,8 +68,8 @@ struct sysapi {
   int (*ftruncate)(int fd, std::int64_t length);
   int (*close)(int fd);
 };
-sysapi& sys();              // the table in use
-const sysapi& realsys();    // the operating system's own calls
+sysapi& sys();            // the table in use
+const sysapi& realsys();  // the operating system's own calls
 
 // ---- settings -------------------------------------------------------------------------------
 
@@ -247,10 +247,8 @@ class rawin {
   rstat status() const { return st_; }
 
   template <class T>
-    requires std::is_arithmetic_v<T>
-  void item(T& v) {
-    get(&v, sizeof v, sizeof v);
-  }
+  requires std::is_arithmetic_v<T>
+  void item(T& v) { get(&v, sizeof v, sizeof v); }
   template <class T>
   void item(const seq<T>& s) {
     if (s.n <= 0) return;
@@ -272,7 +270,8 @@ class rawin {
       }
       const char* src = u_.rp();
       T* dst = s.p + k * s.stride;
-      for (index_t i = 0; i < m; ++i) std::memcpy(dst + i * s.stride, src + i * static_cast<index_t>(sizeof(T)), sizeof(T));
+      for (index_t i = 0; i < m; ++i)
+        std::memcpy(dst + i * s.stride, src + i * static_cast<index_t>(sizeof(T)), sizeof(T));
       const auto bytes = static_cast<std::int64_t>(m) * static_cast<std::int64_t>(sizeof(T));
       u_.consume(static_cast<std::size_t>(bytes));
       left_ -= bytes;
@@ -313,10 +312,10 @@ class rawin {
   unit& u_;
   bool framed_ = false;
   rstat st_ = rstat::ok;
-  std::int64_t left_ = 0;  // data bytes left in the current sub-record
-  bool more_ = false;      // further sub-records follow
-  bool first_ = true;      // the current sub-record is the record's first
-  std::int32_t lead_ = 0;  // leading marker of the current sub-record
+  std::int64_t left_ = 0;   // data bytes left in the current sub-record
+  bool more_ = false;       // further sub-records follow
+  bool first_ = true;       // the current sub-record is the record's first
+  std::int32_t lead_ = 0;   // leading marker of the current sub-record
   std::int64_t start_ = 0;  // file offset where the statement began
   std::int64_t taken_ = 0;  // data bytes transferred so far
 };
@@ -335,10 +334,8 @@ class rawout {
   explicit rawout(unit& u);
 
   template <class T>
-    requires std::is_arithmetic_v<T>
-  void item(const T& v) {
-    put(&v, sizeof v);
-  }
+  requires std::is_arithmetic_v<T>
+  void item(const T& v) { put(&v, sizeof v); }
   template <class T>
   void item(const seq<T>& s) {
     if (s.n <= 0) return;
@@ -361,7 +358,8 @@ class rawout {
       }
       char* w = u_.wspace(static_cast<std::size_t>(m) * sizeof(T));
       const T* src = s.p + k * s.stride;
-      for (index_t i = 0; i < m; ++i) std::memcpy(w + i * static_cast<index_t>(sizeof(T)), src + i * s.stride, sizeof(T));
+      for (index_t i = 0; i < m; ++i)
+        std::memcpy(w + i * static_cast<index_t>(sizeof(T)), src + i * s.stride, sizeof(T));
       u_.wcommit(static_cast<std::size_t>(m) * sizeof(T));
       room_ -= static_cast<std::int64_t>(m) * static_cast<std::int64_t>(sizeof(T));
       k += m;

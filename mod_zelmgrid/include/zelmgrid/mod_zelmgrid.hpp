@@ -78,11 +78,11 @@ extern double drgas;
 extern double dr0;
 extern double drm0;
 extern double dp0;
-extern double dvar;                        // pix header value
-extern char25 string;                      // text of pix header record 3
-extern int nfree;                          // number of free variables of a pix file
+extern double dvar;                         // pix header value
+extern char25 string;                       // text of pix header record 3
+extern int nfree;                           // number of free variables of a pix file
 extern fortran::fixed<char25, 20> strfree;  // their labels, strfree(1) .. strfree(20)
-extern farray<int, 1> mfpc;                // exported for users of the module; no routine touches it
+extern farray<int, 1> mfpc;                 // exported for users of the module; no routine touches it
 
 // Shared blocks of the Tecplot export. `const` is a C++ keyword, hence the trailing underscore.
 extern fortran::fixed<int, 8> const_;
@@ -100,21 +100,23 @@ void readzelmgrid(const char40& filename, const int& filetype, const logical& db
 
 // Leaves unit 4 connected: close it with io::close(4) before reading the file back.
 void writezelmgrid(const char40& filename, const int& filetype, const logical& dblprec, const int& ndim,
-                   const int& nzones, const int& ngridaux, const farray<float, 2>& x, const farray<int, 1>& nptsz,
-                   const farray<int, 1>& nfacesz, const farray<int, 1>& ncellsz, const farray<int, 1>& mnpfz,
-                   const farray<int, 1>& mfpcz, const farray<int, 1>& npf, const farray<int, 2>& ifnode,
-                   const farray<int, 2>& ifcell);
+                   const int& nzones, const int& ngridaux, const farray<float, 2>& x,
+                   const farray<int, 1>& nptsz, const farray<int, 1>& nfacesz, const farray<int, 1>& ncellsz,
+                   const farray<int, 1>& mnpfz, const farray<int, 1>& mfpcz, const farray<int, 1>& npf,
+                   const farray<int, 2>& ifnode, const farray<int, 2>& ifcell);
 
 // ---- restart files --------------------------------------------------------------------------
 
 void readzelmrstrtfile(const char40& filename, const int& filetype, const logical& dblprec, const int& nzones,
                        const farray<int, 1>& ncellsz, farray<float, 2>& q);
-void readnextzelmrstrtvar(const int& ivar, const char40& filename, const int& filetype, const logical& dblprec,
-                          const int& nzones, const farray<int, 1>& ncellsz, farray<float, 2>& q);
-void writezelmrstrtfile(const char40& filename, const int& filetype, const logical& dblprec, const int& nzones,
-                        const farray<int, 1>& ncellsz, const farray<float, 2>& q);
-void writenextzelmrstrtvar(const int& ivar, const char40& filename, const int& filetype, const logical& dblprec,
-                           const int& nzones, const farray<int, 1>& ncellsz, const farray<float, 2>& q);
+void readnextzelmrstrtvar(const int& ivar, const char40& filename, const int& filetype,
+                          const logical& dblprec, const int& nzones, const farray<int, 1>& ncellsz,
+                          farray<float, 2>& q);
+void writezelmrstrtfile(const char40& filename, const int& filetype, const logical& dblprec,
+                        const int& nzones, const farray<int, 1>& ncellsz, const farray<float, 2>& q);
+void writenextzelmrstrtvar(const int& ivar, const char40& filename, const int& filetype,
+                           const logical& dblprec, const int& nzones, const farray<int, 1>& ncellsz,
+                           const farray<float, 2>& q);
 
 // ---- pix files ------------------------------------------------------------------------------
 
@@ -130,9 +132,10 @@ void writenextzelmpixvar(const int& ivar, const char40& filename, const int& fil
 // ---- Tecplot export -------------------------------------------------------------------------
 
 void writetecplotfile(const char40& filename, const int& ndim, const int& nzones, const farray<double, 2>& x,
-                      const farray<int, 1>& nptsz, const farray<int, 1>& nfacesz, const farray<int, 1>& ncellsz,
-                      const farray<int, 1>& mnpfz, const farray<int, 1>& mfpcz, const farray<int, 1>& npf,
-                      const farray<int, 2>& ifnode, farray<int, 2>& ifcell, const farray<double, 2>& qnode);
+                      const farray<int, 1>& nptsz, const farray<int, 1>& nfacesz,
+                      const farray<int, 1>& ncellsz, const farray<int, 1>& mnpfz, const farray<int, 1>& mfpcz,
+                      const farray<int, 1>& npf, const farray<int, 2>& ifnode, farray<int, 2>& ifcell,
+                      const farray<double, 2>& qnode);
 
 // ---- extensions -----------------------------------------------------------------------------
 
