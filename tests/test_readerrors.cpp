@@ -1,6 +1,7 @@
 // Located read errors: every failed read names the file, its encoding, the record by number and by
 // what it is, the byte offset and what was wrong. Files are written by the library and then cut,
 // corrupted or edited at a known record, so that the whole account can be checked.
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -263,6 +264,40 @@ TEST_F(readerrors, RealWithManySignsIsAValueThatDoesNotParse) {
   EXPECT_TRUE(detail().find("\"r.txt\" (formatted, unit 15), line 4 (variable 1 zone 1) at byte ") == 0)
       << detail();
   EXPECT_NE(detail().find(": cannot read \"1-1-1-1"), std::string::npos) << detail();
+}
+
+TEST_F(readerrors, RepeatCountOverAHugeZoneIsPassedOverAtOnce) {
+  // The pix reader passes over the six fixed variables to reach the free count. A zone that the
+  // caller says has two billion nodes, given in one line of text per variable by a repeat count,
+  // is passed over without parsing the value two billion times.
+  std::string text = " 1.0 1.4 287.0\n 1.0 1.0 1.0\nsome pix file text       \n";
+  for (int v = 1; v <= 6; ++v) text += " 2000000000*1.5\n";
+  text += " 0\n";
+  zt::writefile("p.txt", text);
+  farray<int, 1> n;
+  (void)n.allocate(1);
+  n(1) = 2000000000;
+  mod_gridvars::readallvars = 0;
+  farray<float, 2> p;
+  fortran::allocationlimit = 1 << 20;  // the value row is refused; reading it is not what is tested
+  const auto t0 = std::chrono::steady_clock::now();
+  readzelmpixfile(char40("p.txt"), formatted, 0, 1, n, p);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  fortran::allocationlimit = SIZE_MAX;
+  EXPECT_EQ(failures(), 0) << detail();
+  EXPECT_EQ(mod_zelmgrid::nfree, 0);
+  EXPECT_LT(seconds, 2.0);
+}
+
+TEST_F(readerrors, RepeatCountFillsEveryElementItCovers) {
+  zt::writefile("v.txt", " 3*2.5 , 2* 7 4*-1 /\n");
+  io::open(21, "v.txt", "formatted", "old");
+  double v[12];
+  for (double& x : v) x = 9.0;
+  EXPECT_EQ(io::listread(io::getunit(21), io::items(v, 12)), io::rstat::ok);
+  io::close(21);
+  const double expect[12] = {2.5, 2.5, 2.5, 9.0, 9.0, 7.0, -1.0, -1.0, -1.0, -1.0, 9.0, 9.0};
+  for (int i = 0; i < 12; ++i) EXPECT_EQ(v[i], expect[i]) << i;
 }
 
 // ---- pix files ---------------------------------------------------------------------------------

@@ -411,7 +411,19 @@ class listin {
   void item(double& v) { value(&v, kind::r8); }
   template <class T>
   void item(const seq<T>& s) {
-    for (index_t k = 0; k < s.n && st_ == rstat::ok && !ended_; ++k) item(s.p[k * s.stride]);
+    for (index_t k = 0; k < s.n && st_ == rstat::ok && !ended_; ++k) {
+      item(s.p[k * s.stride]);
+      // The rest of a repeat r*c takes the value just read, copied rather than parsed again, so
+      // that a short text such as 2000000000*1.5 costs no more than the elements it fills (and
+      // nothing for a stride of 0, where every element is the same one).
+      if (repeat_ > 0 && st_ == rstat::ok && k + 1 < s.n) {
+        const index_t m = repeat_ < s.n - k - 1 ? repeat_ : s.n - k - 1;
+        if (!repeatnull_ && s.stride != 0)
+          for (index_t j = 1; j <= m; ++j) s.p[(k + j) * s.stride] = s.p[k * s.stride];
+        repeat_ -= m;
+        k += m;
+      }
+    }
   }
   template <class T>
   void item(const lazyseq<T>& s) {
