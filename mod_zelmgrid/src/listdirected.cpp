@@ -30,7 +30,13 @@ bool isseparator(char c) {
   return c == ' ' || c == ',' || c == '/' || c == '\n' || c == '\t' || c == '\r';
 }
 
-
+// 1 for a character that ends a value, 2 for the '*' of a repeat count, 0 for any other.
+constexpr auto separator = [] {
+  std::array<std::uint8_t, 256> t{};
+  for (const char c : {' ', ',', '/', '\n', '\t', '\r'}) t[static_cast<unsigned char>(c)] = 1;
+  t['*'] = 2;
+  return t;
+}();
 
 // ---- powers of ten, for writing reals ----
 
@@ -229,6 +235,62 @@ void listin::value(void* dst, kind k) {
     --repeat_;
     if (!repeatnull_) parse(tok_, dst, k);
     return;
+  }
+  {
+    // The common case, straight from the buffer: blanks and line ends, then a value that ends
+    // inside the buffer and has no repeat count. Anything else (a comma, a slash, a value cut by
+    // the buffer's end, r*c) is left to the general path below, from the same place.
+    const char* const p = u_.rp();
+    const char* const e = p + u_.avail();
+    const char* q = p;
+    std::int64_t newlines = 0;
+    for (;;) {
+      while (e - q >= 8) {  // runs of blanks (the padding of right-aligned fields), eight at a time
+        std::uint64_t w;
+        std::memcpy(&w, q, 8);
+        const std::uint64_t other = w ^ 0x2020202020202020ULL;
+        if (other != 0) {
+          q += __builtin_ctzll(other) >> 3;
+          break;
+        }
+        q += 8;
+      }
+      if (q < e && (*q == ' ' || *q == '\n' || *q == '\t' || *q == '\r')) {
+        newlines += *q++ == '\n';
+        continue;
+      }
+      break;
+    }
+    if (q < e && *q != ',' && *q != '/') {
+      if (k == kind::i4) {  // digits with an optional sign, read as they are scanned
+        const char* t = q;
+        const bool negative = *t == '-';
+        if (*t == '-' || *t == '+') ++t;
+        const char* const first = t;
+        const char* const stop = e - t > 11 ? t + 11 : e;
+        std::uint64_t v = 0;
+        for (unsigned d; t < stop && (d = static_cast<unsigned char>(*t) - 48U) < 10; ++t) v = 10 * v + d;
+        if (t < e && t > first && t - first <= 10 && separator[static_cast<unsigned char>(*t)] == 1 &&
+            v <= (negative ? 2147483648ULL : 2147483647ULL)) {
+          u_.consume(static_cast<std::size_t>(t - p));
+          u_.lines += newlines;
+          sepallowed_ = true;
+          const auto signedv = static_cast<std::int64_t>(v);
+          *static_cast<int*>(dst) = static_cast<int>(negative ? -signedv : signedv);
+          return;
+        }
+      }
+      const char* t = q;
+      while (t < e && separator[static_cast<unsigned char>(*t)] == 0) ++t;
+      if (t < e && *t != '*') {
+        u_.consume(static_cast<std::size_t>(q - p));
+        u_.lines += newlines;
+        sepallowed_ = true;
+        parse(std::string_view(q, static_cast<std::size_t>(t - q)), dst, k);
+        u_.consume(static_cast<std::size_t>(t - q));
+        return;
+      }
+    }
   }
   for (;;) {  // up to the next value, null value or slash
     if (!u_.fill(1)) return failwith(rstat::end, "end of file before all values were read");
