@@ -270,8 +270,8 @@ class rawin {
       }
       const char* src = u_.rp();
       T* dst = s.p + k * s.stride;
-      for (index_t i = 0; i < m; ++i)
-        std::memcpy(dst + i * s.stride, src + i * static_cast<index_t>(sizeof(T)), sizeof(T));
+      constexpr auto size = static_cast<index_t>(sizeof(T));
+      for (index_t i = 0; i < m; ++i) std::memcpy(dst + i * s.stride, src + i * size, sizeof(T));
       const auto bytes = static_cast<std::int64_t>(m) * static_cast<std::int64_t>(sizeof(T));
       u_.consume(static_cast<std::size_t>(bytes));
       left_ -= bytes;
@@ -358,8 +358,8 @@ class rawout {
       }
       char* w = u_.wspace(static_cast<std::size_t>(m) * sizeof(T));
       const T* src = s.p + k * s.stride;
-      for (index_t i = 0; i < m; ++i)
-        std::memcpy(w + i * static_cast<index_t>(sizeof(T)), src + i * s.stride, sizeof(T));
+      constexpr auto size = static_cast<index_t>(sizeof(T));
+      for (index_t i = 0; i < m; ++i) std::memcpy(w + i * size, src + i * s.stride, sizeof(T));
       u_.wcommit(static_cast<std::size_t>(m) * sizeof(T));
       room_ -= static_cast<std::int64_t>(m) * static_cast<std::int64_t>(sizeof(T));
       k += m;
