@@ -27,8 +27,8 @@ inline bool israw(int filetype) {
 }
 
 // Opens `unit` on the file as the file-type code says, saving the encoding word in the routine's
-// `fileformat` for codes 0 and 2; false for any other code, which opens nothing.
-bool openbycode(int unit, const char40& filename, int filetype, char40& fileformat, const char* status);
+// `form` for codes 0 and 2; false for any other code, which opens nothing.
+bool openbycode(int unit, const char40& filename, int filetype, char40& form, const char* status);
 
 // Where each zone's values go in a row of the restart and pix arrays: zones 1 and 2 both start at
 // position 1 and zone z >= 3 right after zones 1 .. z-2. `ioff` is the start of the zone being

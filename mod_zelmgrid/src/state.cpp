@@ -44,10 +44,10 @@ const char* formword(int filetype) {
   return filetype == 2 ? "binary" : "unformatted";
 }
 
-bool openbycode(int unit, const char40& filename, int filetype, char40& fileformat, const char* status) {
+bool openbycode(int unit, const char40& filename, int filetype, char40& form, const char* status) {
   if (israw(filetype)) {
-    fileformat = formword(filetype);
-    io::open(unit, filename.trimmed(), fileformat.trimmed(), status);
+    form = formword(filetype);
+    io::open(unit, filename.trimmed(), form.trimmed(), status);
     return true;
   }
   if (filetype == formatted) {
