@@ -470,6 +470,23 @@ TEST_F(restart, WriterWithNoVariablesWritesTheHeaderAndClosesTheFile) {
   EXPECT_FALSE(io::isconnected(16));
 }
 
+TEST_F(restart, EightByteReaderWithNoVariablesLooksAtNoZoneCountsPastTheCallersArray) {
+  // With no variables there is nothing to narrow: three zones against a one-element ncellsz read
+  // the header and close the file without touching ncellsz(2) or ncellsz(3).
+  zt::setheader(zt::sampleheader());
+  mod_gridvars::numrstrtvar = 0;
+  const auto ncellsz = zt::counts({4});
+  farray<float, 2> q;
+  writezelmrstrtfile("r.dat", unformatted, 1, 1, ncellsz, q);
+  zt::setheader(priorheader());
+  farray<float, 2> r;
+  readwhole("r.dat", unformatted, 1, 3, ncellsz, r);
+  EXPECT_EQ(zt::services().readerrors, 0) << detail();
+  zt::expectheader(zt::sampleheader(), zt::currentheader());
+  EXPECT_EQ(r.extent(1), 0);
+  EXPECT_FALSE(io::isconnected(15));
+}
+
 TEST_F(restart, HeaderWrittenWithFourByteRealsHoldsDtimeNarrowedAndReadsBackWidenedExactly) {
   for (int filetype : {unformatted, binary}) {
     zt::setheader(zt::sampleheader());

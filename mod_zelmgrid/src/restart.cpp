@@ -202,13 +202,15 @@ void readzelmrstrtfile(const char40& filename, const int& filetype, const logica
     }
   }
 
-  if (wide) {
+  if (wide && nvar > 0) {
     // Narrow what the records filled, once all of them have been read. Positions that no record
     // reaches hold nothing worth narrowing and stay as allocated. Every variable fills the same
-    // positions, so each zone's positions are one block of whole columns of q and q8.
+    // positions, so each zone's positions are one block of whole columns of q and q8. With no
+    // variables there is nothing to narrow, and the zones' counts, never checked against ncellsz's
+    // extent by a record, are not looked at.
     zoneplacement at;
     for (int z = 1; z <= nzones; ++z) {
-      if (nvar > 0 && ncellsz(z) > 0) {
+      if (ncellsz(z) > 0) {
         const index_t first = (at.ioff - 1) * nvar;
         const index_t count = ncellsz(z) * static_cast<index_t>(nvar);
         float* dst = q.data() + first;
