@@ -128,6 +128,16 @@ def label(key):
     return f"`{name}`", enc if enc != "-" else "", str(prec) if prec else ""
 
 
+def timecells(ours, fortran, floor, nbytes):
+    """The cells that readers and writers share: the library's time, spread, throughput (nbytes a
+    call), the Fortran path and the floor with their ratios."""
+    w = wall(ours)
+    f = wall(fortran)
+    fl = wall(floor)
+    return (f"{seconds(w)} | {spread(walls(ours)) * 100:.0f}% | {fmt(nbytes / MB / w, 0)} "
+            f"| {fmt(ours['records'] / w, 0)} | {seconds(f)} | {fmt(ratio(f, w))} | {seconds(fl)} | {fmt(ratio(w, fl))}")
+
+
 def isreader(name):
     return name.startswith("read")
 
@@ -227,7 +237,8 @@ def main():
 
     p("## Readers")
     p()
-    p("Time of one call into arrays the routine allocates itself (huge pages on), its throughput, the")
+    p("Time of one call into arrays the routine allocates itself (huge pages on), its throughput (MB of")
+    p("arrays filled a second; records are those of the file that the call reads), the")
     p("Fortran path's time and the ratio (Fortran / library), the floor (`read(2)` of the same bytes into a")
     p("reused buffer plus first touch of arrays of the same sizes) and the ratio (library / floor), the")
     p("library with huge pages switched off (`fortran::hugepages = false`) and the gain huge pages give,")
@@ -245,19 +256,16 @@ def main():
             p(f"| {n} | {e} | {pr} | {ours.get('note') or 'failed'} |" + " |" * 12)
             continue
         w = wall(ours)
-        f = wall(impls.get("fortran"))
-        fl = wall(impls.get("floor"))
         w4 = wall(impls.get("zelmgrid-4k"))
         mh = ours["musthold"] / MB
-        p(f"| {n} | {e} | {pr} | {seconds(w)} | {spread(walls(ours)) * 100:.0f}% | {fmt(ours['bytes'] / MB / w, 0)} "
-          f"| {fmt(ours['records'] / w, 0)} | {seconds(f)} | {fmt(ratio(f, w))} | {seconds(fl)} | {fmt(ratio(w, fl))} "
+        p(f"| {n} | {e} | {pr} | {timecells(ours, impls.get('fortran'), impls.get('floor'), ours['musthold'])} "
           f"| {seconds(w4)} | {fmt(ratio(w4, w))} | {fmt(peakmb(ours), 1)} | {fmt(mh, 1)} "
           f"| {fmt(ratio(peakmb(ours), mh)) if mh >= 1 else '-'} |")
     p()
 
     p("## Writers")
     p()
-    p("Time of one call, throughput, the Fortran path writing the same records (and whether its file")
+    p("Time of one call, throughput (MB of file a second), the Fortran path writing the same records (and whether its file")
     p("agrees with the library's), and the floor: `write(2)` of the same bytes for the unformatted and")
     p("binary encodings, `std::to_chars` of the same numbers for text. \"must hold\" counts the temporaries")
     p("a writer is described to use (the 8-byte copy of a file of 8-byte reals).")
@@ -270,14 +278,9 @@ def main():
         if isreader(key[0]) or key[0].startswith(("harness", "meshio")) or not ours:
             continue
         n, e, pr = label(key)
-        w = wall(ours)
         fo = impls.get("fortran")
-        f = wall(fo)
-        flr = impls.get("write2") or impls.get("tochars")
-        fl = wall(flr)
         mh = ours["musthold"] / MB
-        p(f"| {n} | {e} | {pr} | {seconds(w)} | {spread(walls(ours)) * 100:.0f}% | {fmt(ours['bytes'] / MB / w, 0)} "
-          f"| {fmt(ours['records'] / w, 0)} | {seconds(f)} | {fmt(ratio(f, w))} | {seconds(fl)} | {fmt(ratio(w, fl))} "
+        p(f"| {n} | {e} | {pr} | {timecells(ours, fo, impls.get('write2') or impls.get('tochars'), ours['bytes'])} "
           f"| {fmt(peakmb(ours), 1)} | {fmt(mh, 1)} | {fo['note'] if fo else ''} |")
     p()
 
