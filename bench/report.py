@@ -74,7 +74,7 @@ def machine():
         ("C++ compiler", gxx[0] if gxx else "unknown"),
         ("Fortran compiler (baseline)", gfc[0] if gfc else "unknown"),
         ("meshio", meshio or "not installed"),
-        ("commit", commit or "unknown"),
+        ("commit when the report was made", commit or "unknown"),
     ]
 
 
