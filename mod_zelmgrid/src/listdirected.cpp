@@ -430,7 +430,7 @@ void beginformattedwrite(unit& u) {
 // The `digits` significant digits of mant * 2^exp2 (mant > 0), rounded to nearest, and the decimal
 // exponent of the first; false where the rounding cannot be settled here.
 bool decimaldigits(std::uint64_t mant, int exp2, int digits, std::uint64_t& out, int& q) {
-  const int b = exp2 + 63 - __builtin_clzll(mant);  // mant * 2^exp2 lies in [2^b, 2^(b+1))
+  const int b = exp2 + 63 - __builtin_clzll(mant);                     // mant * 2^exp2 lies in [2^b, 2^(b+1))
   q = static_cast<int>((static_cast<std::int64_t>(b) * 78913) >> 18);  // floor(b * log10(2))
   for (int attempt = 0; attempt < 2; ++attempt) {
     const int k = digits - 1 - q;
