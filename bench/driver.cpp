@@ -29,6 +29,7 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "gridgen.hpp"
@@ -326,6 +327,10 @@ struct data {
   std::string dir;
   std::string path(const std::string& name) const { return dir + "/" + name; }
 };
+
+// The encodings and precisions of the files: 4- and 8-byte reals in the unformatted and binary
+// encodings, text once (it has no precision).
+constexpr std::pair<int, int> filecases[] = {{0, 0}, {0, 1}, {2, 0}, {2, 1}, {1, 0}};
 
 const char* encname(int enc) {
   return enc == 0 ? "unformatted" : enc == 2 ? "binary" : "formatted";
@@ -943,94 +948,90 @@ void addgrid(bench& b, data& d) {
     b.run(m);
   }
   for (bool readconn : {true, false}) {
-    for (int enc : {0, 2, 1})
-      for (int dbl : {0, 1}) {
-        if (enc == 1 && dbl) continue;
-        measurement m;
-        m.name = readconn ? "readzelmgrid/conn" : "readzelmgrid/noconn";
-        m.reader = true;
-        m.enc = enc;
-        m.dbl = dbl;
-        m.file = d.path("g." + suffix(enc, dbl));
-        m.fop = readconn ? "gridread" : "gridnodes";
-        const std::int64_t text = enc == 1 ? 1 + g.nzones : 2;
-        m.records = readconn ? text + d.nnodes + d.nfaces : text + nodes1;
-        const bool wide = enc != 1 && dbl;
-        m.musthold = counts + xbytes + (wide ? 2 * xbytes : 0) + (readconn ? conn : 0);
-        m.outputs = {xbytes};
-        if (readconn) m.outputs.push_back(conn);
-        if (!readconn) {
-          const int r = dbl ? 8 : 4;
-          m.floorbytes = enc == 0   ? 8 + 12 + 8 + 20 * g.nzones + nodes1 * (8 + g.ndim * r)
-                         : enc == 2 ? 12 + 20 * g.nzones + nodes1 * g.ndim * r
-                                    : textprefix(m.file, 0, 1 + g.nzones + nodes1);
-        }
-        if (enc == 1 && g.nzones > 1) {
-          b.skip(m,
-                 "n/a: a formatted grid file of several zones is not readable by readzelmgrid by design "
-                 "(the writer wraps the zone counts, the reader takes one line per zone)");
-          continue;
-        }
-        m.call = [file = m.file, enc, dbl, readconn](bool last) -> std::int64_t {
-          int ndim = 0, nzones = 0, aux = 0;
-          farray<float, 2> x;
-          farray<int, 1> nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf;
-          farray<int, 2> ifnode, ifcell;
-          zm::readzelmgrid(name40(file), enc, dbl, ndim, nzones, aux, x, nptsz, nfacesz, ncellsz, mnpfz,
-                           mfpcz, npf, ifnode, ifcell, readconn ? 1 : 0);
-          if (!last) return 0;
-          mark();
-          return gridchecksum(ndim, nzones, aux, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf, ifnode,
-                              ifcell, readconn);
-        };
-        b.run(m);
-      }
-  }
-  for (int enc : {0, 2, 1})
-    for (int dbl : {0, 1}) {
-      if (enc == 1 && dbl) continue;
+    for (const auto& [enc, dbl] : filecases) {
       measurement m;
-      m.name = "writezelmgrid";
+      m.name = readconn ? "readzelmgrid/conn" : "readzelmgrid/noconn";
+      m.reader = true;
       m.enc = enc;
       m.dbl = dbl;
-      m.file = d.path("w.g." + suffix(enc, dbl));
-      m.fop = "gridwrite";
-      m.records = 2 + d.nnodes + d.nfaces;
-      m.musthold = enc != 1 && dbl ? 2 * xbytes : 0;
-      m.call = [&g, file = m.file, enc, dbl](bool) -> std::int64_t {
-        zm::writezelmgrid(name40(file), enc, dbl, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz, g.nfacesz,
-                          g.ncellsz, g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
-        zm::io::close(4);
-        return 0;
+      m.file = d.path("g." + suffix(enc, dbl));
+      m.fop = readconn ? "gridread" : "gridnodes";
+      const std::int64_t text = enc == 1 ? 1 + g.nzones : 2;
+      m.records = readconn ? text + d.nnodes + d.nfaces : text + nodes1;
+      const bool wide = enc != 1 && dbl;
+      m.musthold = counts + xbytes + (wide ? 2 * xbytes : 0) + (readconn ? conn : 0);
+      m.outputs = {xbytes};
+      if (readconn) m.outputs.push_back(conn);
+      if (!readconn) {
+        const int r = dbl ? 8 : 4;
+        m.floorbytes = enc == 0   ? 8 + 12 + 8 + 20 * g.nzones + nodes1 * (8 + g.ndim * r)
+                       : enc == 2 ? 12 + 20 * g.nzones + nodes1 * g.ndim * r
+                                  : textprefix(m.file, 0, 1 + g.nzones + nodes1);
+      }
+      if (enc == 1 && g.nzones > 1) {
+        b.skip(m,
+               "n/a: a formatted grid file of several zones is not readable by readzelmgrid by design "
+               "(the writer wraps the zone counts, the reader takes one line per zone)");
+        continue;
+      }
+      m.call = [file = m.file, enc, dbl, readconn](bool last) -> std::int64_t {
+        int ndim = 0, nzones = 0, aux = 0;
+        farray<float, 2> x;
+        farray<int, 1> nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf;
+        farray<int, 2> ifnode, ifcell;
+        zm::readzelmgrid(name40(file), enc, dbl, ndim, nzones, aux, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz,
+                         npf, ifnode, ifcell, readconn ? 1 : 0);
+        if (!last) return 0;
+        mark();
+        return gridchecksum(ndim, nzones, aux, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf, ifnode, ifcell,
+                            readconn);
       };
-      if (enc == 1)
-        m.tochars = [&g] {
-          static char buf[1 << 16];
-          char* p = buf;
-          for (index_t n = 1; n <= g.x.extent(2); ++n)
-            for (index_t i = 1; i <= g.ndim; ++i) {
-              if (p > buf + sizeof buf - 64) p = buf;
-              p = std::to_chars(p, p + 64, g.x(i, n), std::chars_format::scientific, 8).ptr;
-              *p++ = ' ';
-            }
-          for (index_t f = 1; f <= g.npf.extent(1); ++f) {
-            const int n = g.npf(f);
-            if (p > buf + sizeof buf - 128) p = buf;
-            p = std::to_chars(p, p + 16, n).ptr;
-            *p++ = ' ';
-            for (int j = 1; j <= n; ++j) {
-              p = std::to_chars(p, p + 16, g.ifnode(j, f)).ptr;
-              *p++ = ' ';
-            }
-            for (int s = 1; s <= 2; ++s) {
-              p = std::to_chars(p, p + 16, g.ifcell(s, f)).ptr;
-              *p++ = ' ';
-            }
-          }
-          asm volatile("" : : "r"(buf) : "memory");
-        };
       b.run(m);
     }
+  }
+  for (const auto& [enc, dbl] : filecases) {
+    measurement m;
+    m.name = "writezelmgrid";
+    m.enc = enc;
+    m.dbl = dbl;
+    m.file = d.path("w.g." + suffix(enc, dbl));
+    m.fop = "gridwrite";
+    m.records = 2 + d.nnodes + d.nfaces;
+    m.musthold = enc != 1 && dbl ? 2 * xbytes : 0;
+    m.call = [&g, file = m.file, enc, dbl](bool) -> std::int64_t {
+      zm::writezelmgrid(name40(file), enc, dbl, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz, g.nfacesz,
+                        g.ncellsz, g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
+      zm::io::close(4);
+      return 0;
+    };
+    if (enc == 1)
+      m.tochars = [&g] {
+        static char buf[1 << 16];
+        char* p = buf;
+        for (index_t n = 1; n <= g.x.extent(2); ++n)
+          for (index_t i = 1; i <= g.ndim; ++i) {
+            if (p > buf + sizeof buf - 64) p = buf;
+            p = std::to_chars(p, p + 64, g.x(i, n), std::chars_format::scientific, 8).ptr;
+            *p++ = ' ';
+          }
+        for (index_t f = 1; f <= g.npf.extent(1); ++f) {
+          const int n = g.npf(f);
+          if (p > buf + sizeof buf - 128) p = buf;
+          p = std::to_chars(p, p + 16, n).ptr;
+          *p++ = ' ';
+          for (int j = 1; j <= n; ++j) {
+            p = std::to_chars(p, p + 16, g.ifnode(j, f)).ptr;
+            *p++ = ' ';
+          }
+          for (int s = 1; s <= 2; ++s) {
+            p = std::to_chars(p, p + 16, g.ifcell(s, f)).ptr;
+            *p++ = ' ';
+          }
+        }
+        asm volatile("" : : "r"(buf) : "memory");
+      };
+    b.run(m);
+  }
 }
 
 // Formats `count` 4-byte reals of a (rows, cols) array, as the formatting floor of a text writer.
@@ -1050,84 +1051,80 @@ void addrestart(bench& b, data& d) {
   const auto& g = d.g;
   const std::int64_t qbytes = 4 * nvar * d.ncells;
   for (bool whole : {true, false})
-    for (int enc : {0, 2, 1})
-      for (int dbl : {0, 1}) {
-        if (enc == 1 && dbl) continue;
-        measurement m;
-        m.name = whole ? "readzelmrstrtfile" : "readnextzelmrstrtvar";
-        m.reader = true;
-        m.enc = enc;
-        m.dbl = dbl;
-        m.file = d.path("r." + suffix(enc, dbl));
-        m.fop = whole ? "rstread" : "rstnext";
-        m.records = 3 + static_cast<std::int64_t>(nvar) * g.nzones;
-        const bool wide = enc != 1 && dbl;
-        m.musthold = whole ? qbytes * (wide ? 3 : 1) : 4 * d.ncells * (wide ? 3 : 1);
-        m.outputs = {whole ? qbytes : 4 * d.ncells};
-        if (!whole && enc == 2) {
-          b.skip(m,
-                 "n/a: the one-variable reader reads every code but 0 as text, so a binary file fails by "
-                 "design");
-          continue;
+    for (const auto& [enc, dbl] : filecases) {
+      measurement m;
+      m.name = whole ? "readzelmrstrtfile" : "readnextzelmrstrtvar";
+      m.reader = true;
+      m.enc = enc;
+      m.dbl = dbl;
+      m.file = d.path("r." + suffix(enc, dbl));
+      m.fop = whole ? "rstread" : "rstnext";
+      m.records = 3 + static_cast<std::int64_t>(nvar) * g.nzones;
+      const bool wide = enc != 1 && dbl;
+      m.musthold = whole ? qbytes * (wide ? 3 : 1) : 4 * d.ncells * (wide ? 3 : 1);
+      m.outputs = {whole ? qbytes : 4 * d.ncells};
+      if (!whole && enc == 2) {
+        b.skip(m,
+               "n/a: the one-variable reader reads every code but 0 as text, so a binary file fails by "
+               "design");
+        continue;
+      }
+      m.call = [&g, file = m.file, enc, dbl, whole](bool last) -> std::int64_t {
+        farray<float, 2> q;
+        mod_gridvars::readallvars = whole ? 1 : 0;
+        zm::readzelmrstrtfile(name40(file), enc, dbl, g.nzones, g.ncellsz, q);
+        if (!whole) {
+          for (int v = 1; v <= nvar; ++v)
+            zm::readnextzelmrstrtvar(v, name40(file), enc, dbl, g.nzones, g.ncellsz, q);
+          zm::io::close(15);
         }
-        m.call = [&g, file = m.file, enc, dbl, whole](bool last) -> std::int64_t {
-          farray<float, 2> q;
-          mod_gridvars::readallvars = whole ? 1 : 0;
-          zm::readzelmrstrtfile(name40(file), enc, dbl, g.nzones, g.ncellsz, q);
-          if (!whole) {
-            for (int v = 1; v <= nvar; ++v)
-              zm::readnextzelmrstrtvar(v, name40(file), enc, dbl, g.nzones, g.ncellsz, q);
-            zm::io::close(15);
-          }
-          if (!last) return 0;
-          mark();
-          hashes h;
-          const double hd[6] = {zm::dtime, zm::dgamma, zm::drgas, zm::dr0, zm::drm0, zm::dp0};
-          h.doubles(0, hd, 6);
-          const int hi[2] = {zm::lastcyc, zm::rstype};
-          h.ints(0, hi, 2);
-          for (int v = 1; v <= (whole ? nvar : 1); ++v) hashrow(h.h[1], q, v, g.ncellsz, g.nzones, false);
-          return h.total();
-        };
-        b.run(m);
-      }
+        if (!last) return 0;
+        mark();
+        hashes h;
+        const double hd[6] = {zm::dtime, zm::dgamma, zm::drgas, zm::dr0, zm::drm0, zm::dp0};
+        h.doubles(0, hd, 6);
+        const int hi[2] = {zm::lastcyc, zm::rstype};
+        h.ints(0, hi, 2);
+        for (int v = 1; v <= (whole ? nvar : 1); ++v) hashrow(h.h[1], q, v, g.ncellsz, g.nzones, false);
+        return h.total();
+      };
+      b.run(m);
+    }
   for (bool whole : {true, false})
-    for (int enc : {0, 2, 1})
-      for (int dbl : {0, 1}) {
-        if (enc == 1 && dbl) continue;
-        measurement m;
-        m.name = whole ? "writezelmrstrtfile" : "writenextzelmrstrtvar";
-        m.enc = enc;
-        m.dbl = dbl;
-        m.file = d.path("w.r." + suffix(enc, dbl));
-        m.fop = whole ? "rstwrite" : "rstwritenext";
-        m.records = 3 + static_cast<std::int64_t>(nvar) * g.nzones;
-        const bool wide = enc != 1 && dbl;
-        m.musthold = wide ? (whole ? 2 * qbytes : 8 * d.ncells) : 0;
-        auto rowsof = std::make_shared<std::vector<farray<float, 2>>>();
-        if (!whole)
-          m.setup = [&d, rowsof] {
-            rowsof->resize(nvar);
-            for (int v = 1; v <= nvar; ++v) {
-              auto& r = (*rowsof)[static_cast<std::size_t>(v - 1)];
-              r.allocate(1, d.ncells);
-              for (index_t j = 1; j <= d.ncells; ++j) r(1, j) = d.q(v, j);
-            }
-          };
-        m.call = [&g, &d, rowsof, file = m.file, enc, dbl, whole](bool) -> std::int64_t {
-          if (whole) {
-            zm::writezelmrstrtfile(name40(file), enc, dbl, g.nzones, g.ncellsz, d.q);
-          } else {
-            for (int v = 1; v <= nvar; ++v)
-              zm::writenextzelmrstrtvar(v, name40(file), enc, dbl, g.nzones, g.ncellsz,
-                                        (*rowsof)[static_cast<std::size_t>(v - 1)]);
-            zm::io::close(16);
+    for (const auto& [enc, dbl] : filecases) {
+      measurement m;
+      m.name = whole ? "writezelmrstrtfile" : "writenextzelmrstrtvar";
+      m.enc = enc;
+      m.dbl = dbl;
+      m.file = d.path("w.r." + suffix(enc, dbl));
+      m.fop = whole ? "rstwrite" : "rstwritenext";
+      m.records = 3 + static_cast<std::int64_t>(nvar) * g.nzones;
+      const bool wide = enc != 1 && dbl;
+      m.musthold = wide ? (whole ? 2 * qbytes : 8 * d.ncells) : 0;
+      auto rowsof = std::make_shared<std::vector<farray<float, 2>>>();
+      if (!whole)
+        m.setup = [&d, rowsof] {
+          rowsof->resize(nvar);
+          for (int v = 1; v <= nvar; ++v) {
+            auto& r = (*rowsof)[static_cast<std::size_t>(v - 1)];
+            r.allocate(1, d.ncells);
+            for (index_t j = 1; j <= d.ncells; ++j) r(1, j) = d.q(v, j);
           }
-          return 0;
         };
-        if (enc == 1) m.tochars = [&d] { tocharsfloats(d.q, nvar); };
-        b.run(m);
-      }
+      m.call = [&g, &d, rowsof, file = m.file, enc, dbl, whole](bool) -> std::int64_t {
+        if (whole) {
+          zm::writezelmrstrtfile(name40(file), enc, dbl, g.nzones, g.ncellsz, d.q);
+        } else {
+          for (int v = 1; v <= nvar; ++v)
+            zm::writenextzelmrstrtvar(v, name40(file), enc, dbl, g.nzones, g.ncellsz,
+                                      (*rowsof)[static_cast<std::size_t>(v - 1)]);
+          zm::io::close(16);
+        }
+        return 0;
+      };
+      if (enc == 1) m.tochars = [&d] { tocharsfloats(d.q, nvar); };
+      b.run(m);
+    }
 }
 
 void addpix(bench& b, data& d) {
@@ -1136,102 +1133,98 @@ void addpix(bench& b, data& d) {
   const std::int64_t pbytes = 4 * npix * d.nnodes;
   const std::int64_t nz = g.nzones;
   for (bool whole : {true, false})
-    for (int enc : {0, 2, 1})
-      for (int dbl : {0, 1}) {
-        if (enc == 1 && dbl) continue;
-        measurement m;
-        m.name = whole ? "readzelmpixfile" : "readnextzelmpixvar";
-        m.reader = true;
-        m.enc = enc;
-        m.dbl = dbl;
-        m.file = d.path("p." + suffix(enc, dbl));
-        m.fop = whole ? "pixread" : "pixnext";
-        const std::int64_t pass1 = 3 + 6 * nz + 1;
-        m.records = whole ? pass1 + 3 + 6 * nz + 1 + nfreevars + nfreevars * nz
-                          : pass1 + 3 + npix * nz + 1 + nfreevars;
-        const bool wide = enc != 1 && dbl;
-        m.musthold = whole ? pbytes * (wide ? 3 : 1) : 4 * d.nnodes * (wide ? 2 : 1);
-        m.outputs = {whole ? pbytes : 4 * d.nnodes};
-        m.floorpasses = 2;  // a sizing pass, then the values
-        if (!whole && wide)
-          m.note = "reads 4-byte reals from 8-byte records, as the one-variable reader does by design";
-        m.call = [&g, file = m.file, enc, dbl, whole, npix](bool last) -> std::int64_t {
-          farray<float, 2> pix;
-          mod_gridvars::readallvars = whole ? 1 : 0;
-          zm::readzelmpixfile(name40(file), enc, dbl, g.nzones, g.nptsz, pix);
-          if (!whole) {
-            if (enc != 1) {  // the caller steps over the header that the reader left in front
-              zm::io::unit& u = zm::io::getunit(13);
-              fortran::char25 t;
-              if (dbl) {
-                double a = 0, bb = 0, c = 0;
-                zm::io::rawread(u, a, bb, c);
-                zm::io::rawread(u, a, bb, c);
-              } else {
-                float a = 0, bb = 0, c = 0;
-                zm::io::rawread(u, a, bb, c);
-                zm::io::rawread(u, a, bb, c);
-              }
-              zm::io::rawread(u, zm::io::text(t));
+    for (const auto& [enc, dbl] : filecases) {
+      measurement m;
+      m.name = whole ? "readzelmpixfile" : "readnextzelmpixvar";
+      m.reader = true;
+      m.enc = enc;
+      m.dbl = dbl;
+      m.file = d.path("p." + suffix(enc, dbl));
+      m.fop = whole ? "pixread" : "pixnext";
+      const std::int64_t pass1 = 3 + 6 * nz + 1;
+      m.records =
+          whole ? pass1 + 3 + 6 * nz + 1 + nfreevars + nfreevars * nz : pass1 + 3 + npix * nz + 1 + nfreevars;
+      const bool wide = enc != 1 && dbl;
+      m.musthold = whole ? pbytes * (wide ? 3 : 1) : 4 * d.nnodes * (wide ? 2 : 1);
+      m.outputs = {whole ? pbytes : 4 * d.nnodes};
+      m.floorpasses = 2;  // a sizing pass, then the values
+      if (!whole && wide)
+        m.note = "reads 4-byte reals from 8-byte records, as the one-variable reader does by design";
+      m.call = [&g, file = m.file, enc, dbl, whole, npix](bool last) -> std::int64_t {
+        farray<float, 2> pix;
+        mod_gridvars::readallvars = whole ? 1 : 0;
+        zm::readzelmpixfile(name40(file), enc, dbl, g.nzones, g.nptsz, pix);
+        if (!whole) {
+          if (enc != 1) {  // the caller steps over the header that the reader left in front
+            zm::io::unit& u = zm::io::getunit(13);
+            fortran::char25 t;
+            if (dbl) {
+              double a = 0, bb = 0, c = 0;
+              zm::io::rawread(u, a, bb, c);
+              zm::io::rawread(u, a, bb, c);
+            } else {
+              float a = 0, bb = 0, c = 0;
+              zm::io::rawread(u, a, bb, c);
+              zm::io::rawread(u, a, bb, c);
             }
-            for (int v = 1; v <= mod_gridvars::npixvar; ++v)
-              zm::readnextzelmpixvar(v, name40(file), enc, dbl, g.nzones, g.nptsz, pix);
-            zm::io::close(13);
+            zm::io::rawread(u, zm::io::text(t));
           }
-          if (!last) return 0;
-          mark();
-          hashes h;
-          const double hd[6] = {zm::dvar, zm::dgamma, zm::drgas, zm::dr0, zm::drm0, zm::dp0};
-          h.doubles(0, hd, 6);
-          const int hi[2] = {zm::nfree, mod_gridvars::npixvar};
-          h.ints(0, hi, 2);
-          if (whole)
-            for (int v = 1; v <= mod_gridvars::npixvar; ++v)
-              hashrow(h.h[1], pix, v, g.nptsz, g.nzones, enc == 1 && v > 6);
-          else
-            hashrow(h.h[1], pix, 1, g.nptsz, g.nzones, false);
-          (void)npix;
-          return h.total();
-        };
-        b.run(m);
-      }
+          for (int v = 1; v <= mod_gridvars::npixvar; ++v)
+            zm::readnextzelmpixvar(v, name40(file), enc, dbl, g.nzones, g.nptsz, pix);
+          zm::io::close(13);
+        }
+        if (!last) return 0;
+        mark();
+        hashes h;
+        const double hd[6] = {zm::dvar, zm::dgamma, zm::drgas, zm::dr0, zm::drm0, zm::dp0};
+        h.doubles(0, hd, 6);
+        const int hi[2] = {zm::nfree, mod_gridvars::npixvar};
+        h.ints(0, hi, 2);
+        if (whole)
+          for (int v = 1; v <= mod_gridvars::npixvar; ++v)
+            hashrow(h.h[1], pix, v, g.nptsz, g.nzones, enc == 1 && v > 6);
+        else
+          hashrow(h.h[1], pix, 1, g.nptsz, g.nzones, false);
+        (void)npix;
+        return h.total();
+      };
+      b.run(m);
+    }
   for (bool whole : {true, false})
-    for (int enc : {0, 2, 1})
-      for (int dbl : {0, 1}) {
-        if (enc == 1 && dbl) continue;
-        measurement m;
-        m.name = whole ? "writezelmpixfile" : "writenextzelmpixvar";
-        m.enc = enc;
-        m.dbl = dbl;
-        m.file = d.path("w.p." + suffix(enc, dbl));
-        m.fop = whole ? "pixwrite" : "pixwritenext";
-        m.records = 3 + 6 * nz + 1 + nfreevars + nfreevars * nz;
-        const bool wide = enc != 1 && dbl;
-        m.musthold = wide ? (whole ? 2 * pbytes : 8 * d.nnodes) : 0;
-        auto rowsof = std::make_shared<std::vector<farray<float, 2>>>();
-        if (!whole)
-          m.setup = [&d, rowsof, npix] {
-            rowsof->resize(npix);
-            for (int v = 1; v <= npix; ++v) {
-              auto& r = (*rowsof)[static_cast<std::size_t>(v - 1)];
-              r.allocate(1, d.nnodes);
-              for (index_t j = 1; j <= d.nnodes; ++j) r(1, j) = d.pix(v, j);
-            }
-          };
-        m.call = [&g, &d, rowsof, file = m.file, enc, dbl, whole, npix](bool) -> std::int64_t {
-          if (whole) {
-            zm::writezelmpixfile(name40(file), enc, dbl, g.nzones, g.nptsz, d.pix);
-          } else {
-            for (int v = 1; v <= npix; ++v)
-              zm::writenextzelmpixvar(v, name40(file), enc, dbl, g.nzones, g.nptsz,
-                                      (*rowsof)[static_cast<std::size_t>(v - 1)]);
-            zm::io::close(14);
+    for (const auto& [enc, dbl] : filecases) {
+      measurement m;
+      m.name = whole ? "writezelmpixfile" : "writenextzelmpixvar";
+      m.enc = enc;
+      m.dbl = dbl;
+      m.file = d.path("w.p." + suffix(enc, dbl));
+      m.fop = whole ? "pixwrite" : "pixwritenext";
+      m.records = 3 + 6 * nz + 1 + nfreevars + nfreevars * nz;
+      const bool wide = enc != 1 && dbl;
+      m.musthold = wide ? (whole ? 2 * pbytes : 8 * d.nnodes) : 0;
+      auto rowsof = std::make_shared<std::vector<farray<float, 2>>>();
+      if (!whole)
+        m.setup = [&d, rowsof, npix] {
+          rowsof->resize(npix);
+          for (int v = 1; v <= npix; ++v) {
+            auto& r = (*rowsof)[static_cast<std::size_t>(v - 1)];
+            r.allocate(1, d.nnodes);
+            for (index_t j = 1; j <= d.nnodes; ++j) r(1, j) = d.pix(v, j);
           }
-          return 0;
         };
-        if (enc == 1) m.tochars = [&d, npix] { tocharsfloats(d.pix, npix); };
-        b.run(m);
-      }
+      m.call = [&g, &d, rowsof, file = m.file, enc, dbl, whole, npix](bool) -> std::int64_t {
+        if (whole) {
+          zm::writezelmpixfile(name40(file), enc, dbl, g.nzones, g.nptsz, d.pix);
+        } else {
+          for (int v = 1; v <= npix; ++v)
+            zm::writenextzelmpixvar(v, name40(file), enc, dbl, g.nzones, g.nptsz,
+                                    (*rowsof)[static_cast<std::size_t>(v - 1)]);
+          zm::io::close(14);
+        }
+        return 0;
+      };
+      if (enc == 1) m.tochars = [&d, npix] { tocharsfloats(d.pix, npix); };
+      b.run(m);
+    }
 }
 
 void addtecplot(bench& b, data& d) {
@@ -1480,16 +1473,14 @@ int main(int argc, char** argv) {
   const sample prepared = inchild([&] {
     zm::resetstate();
     setheader();
-    for (int enc : {0, 2, 1})
-      for (int dbl : {0, 1}) {
-        if (enc == 1 && dbl) continue;
-        const std::string s = suffix(enc, dbl);
-        zm::writezelmgrid(name40(d.path("g." + s)), enc, dbl, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz,
-                          g.nfacesz, g.ncellsz, g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
-        zm::io::close(4);
-        zm::writezelmrstrtfile(name40(d.path("r." + s)), enc, dbl, g.nzones, g.ncellsz, d.q);
-        zm::writezelmpixfile(name40(d.path("p." + s)), enc, dbl, g.nzones, g.nptsz, d.pix);
-      }
+    for (const auto& [enc, dbl] : filecases) {
+      const std::string s = suffix(enc, dbl);
+      zm::writezelmgrid(name40(d.path("g." + s)), enc, dbl, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz,
+                        g.nfacesz, g.ncellsz, g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
+      zm::io::close(4);
+      zm::writezelmrstrtfile(name40(d.path("r." + s)), enc, dbl, g.nzones, g.ncellsz, d.q);
+      zm::writezelmpixfile(name40(d.path("p." + s)), enc, dbl, g.nzones, g.nptsz, d.pix);
+    }
     zm::resetstate();
     sample ok;
     ok.ok = 1;
