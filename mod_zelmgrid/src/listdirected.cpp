@@ -26,10 +26,6 @@ namespace {
 
 constexpr std::size_t longestvalue = 4096;
 
-bool isseparator(char c) {
-  return c == ' ' || c == ',' || c == '/' || c == '\n' || c == '\t' || c == '\r';
-}
-
 // 1 for a character that ends a value, 2 for the '*' of a repeat count, 0 for any other.
 constexpr auto separator = [] {
   std::array<std::uint8_t, 256> t{};
@@ -37,6 +33,10 @@ constexpr auto separator = [] {
   t['*'] = 2;
   return t;
 }();
+
+bool isseparator(char c) {
+  return separator[static_cast<unsigned char>(c)] == 1;
+}
 
 // ---- powers of ten, for writing reals ----
 
