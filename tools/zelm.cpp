@@ -1,9 +1,9 @@
 // zelm: inspect, convert and export the solver family's grid, restart and pix files.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cmath>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,17 +13,25 @@
 #include <string>
 #include <vector>
 
+#include "cli.hpp"
 #include "detect.hpp"
 #include "gridgen.hpp"
+#include "output.hpp"
+#include "progress.hpp"
 #include "zelmgrid/files.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
 
 namespace fs = std::filesystem;
+using zelmtool::commandline;
+using zelmtool::die;
 using zelmtool::filekind;
+using zelmtool::outputset;
+using zelmtool::progress;
+namespace status = zelmtool::status;
 
 namespace {
 
-constexpr const char* usage = R"(usage: zelm [--quiet] VERB [ARGS]
+constexpr const char* usage = R"(usage: zelm [OPTIONS] VERB [ARGS]
 
 Reads, checks, converts and exports the solver family's grid, restart and pix files.
 The encoding (framed records, unframed stream or text) and the precision of a file
@@ -31,13 +39,24 @@ are found from its bytes: there is nothing to tell zelm about them.
 
 verbs:
   info FILE [--grid GRID]        what a file is, with the evidence, and its contents
-  convert IN OUT --encoding E --precision P [--grid GRID] [--nvar N] [--force]
+  convert IN [OUT | -o OUT] [--encoding E] [--precision P] [--grid GRID] [--nvar N] [--force]
                                  rewrite a file in another encoding or precision
   export GRID [--pix PIX] -o OUT.dat [--force]
                                  write a grid and its node solution to Tecplot ASCII
-  sample DIR                     write the sample grids and solutions into DIR
+  sample DIR [--force]           write the sample grids and solutions into DIR
+  help [VERB]                    this text, or the options of a verb
 
-Run 'zelm VERB --help' for the options of a verb.
+options (anywhere on the line):
+  -q, --quiet     no progress line and no notes; warnings and errors are still shown
+  -v, --verbose   the library's own progress lines, on standard error
+  -h, --help      this text, or with a verb, the verb's
+  --version       zelm's version
+  --              what follows is a file name, even if it begins with -
+
+Outputs are written next to their destination under a temporary name and renamed into
+place once complete: a failure or an interrupt leaves the old files as they were. zelm
+replaces only regular files, and only with --force.
+
 )";
 
 constexpr const char* infohelp = R"(usage: zelm info FILE [--grid GRID]
@@ -48,18 +67,23 @@ evidence found in the bytes, then the grid header and a table of the zones.
 
 Restart and pix files hold no counts of their own: with --grid GRID, zelm checks that
 the file's records and length agree with the grid's zones and says where they do not.
+  --nvar N        the number of restart variables (found from the file when omitted)
 The exit status is 1 when the file cannot be read or does not fit its grid.
 )";
 
 constexpr const char* converthelp =
-    R"(usage: zelm convert IN OUT --encoding E --precision P [--grid GRID] [--nvar N] [--force]
+    R"(usage: zelm convert IN OUT [--encoding E] [--precision P] [--grid GRID] [--nvar N] [--force]
+       zelm convert IN -o OUT ...
 
 Rewrites IN as OUT in another encoding and precision, carrying every header value across.
-  --encoding E    unformatted (framed records), binary (unframed) or formatted (text)
-  --precision P   single (4-byte reals) or double (8-byte reals); for text, 9 or 17 digits
+  -o OUT          the output (or give it after IN)
+  --encoding E    unformatted (framed records), binary (unframed) or formatted (text);
+                  IN's when omitted
+  --precision P   single (4-byte reals) or double (8-byte reals); for text, 9 or 17 digits;
+                  IN's when omitted
   --grid GRID     the grid of a restart or pix file (required for them)
   --nvar N        the number of restart variables (found from the file when omitted)
-  --force         replace OUT if it exists
+  --force         replace OUT if it exists (only a regular file is ever replaced)
 
 Every zone keeps its place (the conversion does not go through the routines' zone
 placement). zelm says when values lose precision on the way to single precision.
@@ -72,97 +96,75 @@ through the library's export: triangles or quadrilaterals in 2D, a tetrahedron z
 prism zone (as bricks) in 3D, and the zone's body surface.
   -o OUT.dat      the Tecplot file
   --pix PIX       the node solution; its six fixed variables become RHO U V W P FREE
-  --force         replace OUT.dat if it exists
+  --force         replace the outputs if they exist (only regular files are ever replaced)
 
 The export numbers nodes and cells within one zone, so a grid of several zones is written
-one file per zone: OUT.dat for zone 1, OUT-zone2.dat for zone 2, and so on.
+one file per zone: OUT.dat for zone 1, OUT-zone2.dat for zone 2, and so on. The files of
+one export are replaced together: all of them, or none when one of them fails.
 )";
 
-constexpr const char* samplehelp = R"(usage: zelm sample DIR
+constexpr const char* samplehelp = R"(usage: zelm sample DIR [--force]
 
 Writes the sample data into DIR: a 2D grid of quadrilaterals and triangles and a 3D grid
 of tetrahedra and prisms, each with a pix solution of a smooth flow, in several encodings.
+Files in DIR that already hold the same bytes are left alone; one that differs is replaced
+only with --force.
 )";
 
-// Progress of long work, on standard error when it is a terminal and --quiet was not given.
-bool showprogress = false;
+constexpr const char* helphelp = R"(usage: zelm help [VERB]
 
-class stage {
- public:
-  explicit stage(const std::string& what) : start_(std::chrono::steady_clock::now()) {
-    if (showprogress) std::fprintf(stderr, "%s ...", what.c_str());
-  }
-  ~stage() {
-    if (!showprogress) return;
-    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-    std::fprintf(stderr, " %.2f s\n", s);
-  }
-  stage(const stage&) = delete;
-  stage& operator=(const stage&) = delete;
+Prints the overview of zelm, or the options of VERB.
+)";
 
- private:
-  std::chrono::steady_clock::time_point start_;
-};
+// Global options as given.
+zelmtool::globaloptions global;
 
-std::string sized(const std::string& path) {
-  std::error_code ec;
-  const auto n = fs::file_size(path, ec);
-  if (ec) return path;
-  char b[64];
-  std::snprintf(b, sizeof b, " (%.1f MB)", static_cast<double>(n) / 1e6);
-  return path + b;
+std::string quoted(const std::string& s) {
+  return "\"" + s + "\"";
 }
 
-struct failure {
-  std::string message;
-  int status = 1;
-};
-
-[[noreturn]] void die(const std::string& message, int status = 1) {
-  throw failure{message, status};
-}
-
-struct args {
-  std::vector<std::string> positional;
-  std::map<std::string, std::string> options;
-  bool has(const std::string& k) const { return options.count(k) != 0; }
-  std::string get(const std::string& k) const {
-    auto it = options.find(k);
-    return it == options.end() ? "" : it->second;
-  }
-};
-
-args parse(int argc, char** argv, int from, const std::vector<std::string>& valued,
-           const std::vector<std::string>& flags) {
-  args a;
-  for (int i = from; i < argc; ++i) {
-    std::string s = argv[i];
-    if (s.size() > 1 && s[0] == '-') {
-      const auto eq = s.find('=');
-      std::string key = s.substr(0, eq);
-      if (std::find(valued.begin(), valued.end(), key) != valued.end()) {
-        if (eq != std::string::npos)
-          a.options[key] = s.substr(eq + 1);
-        else if (i + 1 < argc)
-          a.options[key] = argv[++i];
-        else
-          die("option " + key + " needs a value", 2);
-      } else if (std::find(flags.begin(), flags.end(), key) != flags.end()) {
-        a.options[key] = "1";
-      } else {
-        die("unknown option " + s, 2);
-      }
-    } else {
-      a.positional.push_back(s);
-    }
-  }
-  return a;
-}
-
+// An input: there, a regular file, readable. Anything else is the environment's fault (status 2);
+// a FIFO or device would hang the readers or feed them without end.
 void requirefile(const std::string& path) {
-  std::error_code ec;
-  if (!fs::exists(path, ec)) die("\"" + path + "\": no such file");
-  if (fs::is_directory(path, ec)) die("\"" + path + "\" is a directory");
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0)
+    die(quoted(path) + ": " + (errno == ENOENT ? "no such file" : std::strerror(errno)), status::environment);
+  if (S_ISDIR(st.st_mode)) die(quoted(path) + " is a directory", status::environment);
+  if (!S_ISREG(st.st_mode)) die(quoted(path) + " is not a regular file", status::environment);
+  if (::access(path.c_str(), R_OK) != 0) die(quoted(path) + ": " + std::strerror(errno), status::environment);
+}
+
+// A note for the user: on standard error, left out with --quiet.
+void note(const std::string& text) {
+  if (!global.quiet) std::fprintf(stderr, "zelm: %s\n", text.c_str());
+}
+
+void warn(const std::string& text) {
+  std::fprintf(stderr, "zelm: warning: %s\n", text.c_str());
+}
+
+// Reads a file through `read`, with a progress line; a file that cannot be read is damaged or not
+// what was asked (status 1).
+template <class F>
+auto reading(const std::string& path, F&& read) {
+  progress p("reading " + path, zelmtool::filesize(path));
+  return read();
+}
+
+// Writes one output of `set` through `write`; a failure leaves the destination as it was and says
+// why (status 2).
+template <class F>
+void writing(outputset& set, const std::string& destination, F&& write) {
+  try {
+    progress p("writing " + destination, -1);
+    write();
+  } catch (const zelmtool::failure& f) {
+    if (f.status != status::environment) die(set.explain(f.message), f.status);
+    die("cannot write " + quoted(destination) + " (left as it was): " + set.explain(f.message), f.status);
+  } catch (const std::exception& e) {
+    die("cannot write " + quoted(destination) + " (left as it was): " + set.explain(e.what()),
+        status::environment);
+  }
 }
 
 // A grid, recognised from its bytes.
@@ -170,8 +172,9 @@ zelm::grid loadgrid(const std::string& path, bool headeronly) {
   requirefile(path);
   const auto d = zelmtool::detect(path);
   if (d.kind != filekind::grid)
-    die("\"" + path + "\" is not a grid file (" + zelmtool::kindname(d.kind) + ")");
-  return headeronly ? zelm::readgridheader(path, d.format()) : zelm::readgrid(path, d.format());
+    die(quoted(path) + " is not a grid file (" + zelmtool::kindname(d.kind) + ")", status::badfile);
+  if (headeronly) return zelm::readgridheader(path, d.format());
+  return reading(path, [&] { return zelm::readgrid(path, d.format()); });
 }
 
 std::string describeformat(const zelmtool::detection& d) {
@@ -182,34 +185,10 @@ std::string describeformat(const zelmtool::detection& d) {
   return s;
 }
 
-// Writes through a temporary name in the same folder, renamed into place once complete, so that
-// a failure never leaves a half-written file under the requested name.
-template <class F>
-void writeatomically(const std::string& out, bool force, F&& write) {
-  std::error_code ec;
-  if (fs::exists(out, ec) && !force) die("\"" + out + "\" exists: give --force to replace it");
-  const fs::path target(out);
-  const fs::path tmp =
-      target.parent_path() / ("." + target.filename().string() + ".zelm-" + std::to_string(::getpid()));
-  try {
-    write(tmp.string());
-    fs::rename(tmp, target);
-  } catch (const mod_zelmgrid::io::ioerror& e) {
-    fs::remove(tmp, ec);
-    die("cannot write \"" + out + "\", left as it was: " + e.what());
-  } catch (const fs::filesystem_error& e) {
-    fs::remove(tmp, ec);
-    die("cannot write \"" + out + "\", left as it was: " + e.what());
-  } catch (...) {
-    fs::remove(tmp, ec);
-    throw;
-  }
-}
-
 // ---- info -------------------------------------------------------------------------------------
 
-int info(const args& a) {
-  if (a.positional.size() != 1) die("info takes one file (see zelm info --help)", 2);
+int info(const commandline& a) {
+  if (a.positional.size() != 1) die("info takes one file (see zelm info --help)", status::environment);
   const std::string path = a.positional[0];
   requirefile(path);
   std::optional<zelm::grid> grid;
@@ -220,7 +199,7 @@ int info(const args& a) {
   if (d.precisionknown) std::printf("  precision: %s reals\n", d.dblprec ? "8-byte" : "4-byte");
   std::printf("  evidence:\n");
   for (const auto& e : d.evidence) std::printf("    - %s\n", e.c_str());
-  if (d.kind == filekind::unknown) die("\"" + path + "\" is not a grid, restart or pix file");
+  if (d.kind == filekind::unknown) die(quoted(path) + " is not a grid, restart or pix file", status::badfile);
 
   if (d.kind == filekind::grid) {
     const auto g = zelm::readgridheader(path, d.format());
@@ -276,23 +255,34 @@ int info(const args& a) {
 
 // ---- convert ----------------------------------------------------------------------------------
 
-zelm::format outputformat(const args& a) {
+// The output's encoding and precision: as asked, or the source's (`kept` says which).
+zelm::format outputformat(const commandline& a, const zelmtool::detection& d, std::string& kept) {
+  zelm::format f = d.format();
   const std::string e = a.get("--encoding"), p = a.get("--precision");
-  zelm::format f;
-  if (e == "unformatted")
+  if (!a.has("--encoding"))
+    ;
+  else if (e == "unformatted")
     f.enc = zelm::encoding::unformatted;
   else if (e == "binary")
     f.enc = zelm::encoding::binary;
   else if (e == "formatted")
     f.enc = zelm::encoding::formatted;
   else
-    die("--encoding must be unformatted, binary or formatted", 2);
-  if (p == "single")
+    die("--encoding must be unformatted, binary or formatted, not " + quoted(e), status::environment);
+  if (!a.has("--precision"))
+    ;
+  else if (p == "single")
     f.dblprec = false;
   else if (p == "double")
     f.dblprec = true;
   else
-    die("--precision must be single or double", 2);
+    die("--precision must be single or double, not " + quoted(p), status::environment);
+  std::vector<std::string> same;
+  if (!a.has("--encoding")) same.push_back(std::string("encoding ") + zelm::encodingname(f.enc));
+  if (!a.has("--precision"))
+    same.push_back(std::string("precision ") + (f.dblprec ? "double" : "single") +
+                   (d.precisionknown ? "" : " (the source's cannot be told)"));
+  if (!same.empty()) kept = same.front() + (same.size() > 1 ? " and " + same.back() : "");
   return f;
 }
 
@@ -305,84 +295,98 @@ std::int64_t lost(const A& a) {
   return n;
 }
 
-int convert(const args& a) {
-  if (a.positional.size() != 2) die("convert takes an input and an output file (see zelm convert --help)", 2);
-  const std::string in = a.positional[0], out = a.positional[1];
-  const zelm::format to = outputformat(a);
+int convert(const commandline& a) {
+  std::vector<std::string> names = a.positional;
+  if (a.has("-o")) names.push_back(a.get("-o"));
+  if (names.size() != 2)
+    die(std::string(names.size() < 2 ? "convert needs" : "convert takes only") +
+            " an input and an output file: zelm convert IN OUT (or -o OUT); see zelm convert --help",
+        status::environment);
+  const std::string in = names[0], out = names[1];
   requirefile(in);
   std::optional<zelm::grid> grid;
   if (a.has("--grid")) grid = loadgrid(a.get("--grid"), true);
   const auto d = zelmtool::detect(in, grid ? &*grid : nullptr);
-  if (d.kind == filekind::unknown) die("\"" + in + "\" is not a grid, restart or pix file");
+  if (d.kind == filekind::unknown) die(quoted(in) + " is not a grid, restart or pix file", status::badfile);
   if (d.kind != filekind::grid && !grid)
-    die("converting a " + std::string(zelmtool::kindname(d.kind)) + " file needs its grid: --grid GRID");
-  if (!d.problems.empty()) die("\"" + in + "\" does not fit the grid: " + d.problems.front());
+    die("converting a " + std::string(zelmtool::kindname(d.kind)) + " file needs its grid: --grid GRID",
+        status::environment);
+  if (!d.problems.empty()) die(quoted(in) + " does not fit the grid: " + d.problems.front(), status::badfile);
+  std::string kept;
+  const zelm::format to = outputformat(a, d, kept);
+  outputset set(a.has("--force") ? outputset::existing::replace : outputset::existing::refuse);
+  const std::string name = set.add(out);  // checked before the work
   std::int64_t narrowed = 0;
-  writeatomically(out, a.has("--force"), [&](const std::string& tmp) {
-    const std::string reading = "reading " + sized(in), writing = "writing " + out;
-    if (d.kind == filekind::grid) {
-      zelm::grid g;
-      {
-        stage s(reading);
-        g = zelm::readgrid(in, d.format());
-      }
-      if (!to.dblprec) narrowed = lost(g.x);
-      stage s(writing);
-      zelm::writegrid(tmp, to, g);
-    } else if (d.kind == filekind::restart) {
-      const int nvar = a.has("--nvar") ? std::atoi(a.get("--nvar").c_str()) : d.nvar;
-      if (nvar < 0) die("the number of restart variables cannot be found from \"" + in + "\": give --nvar");
-      zelm::restart r;
-      {
-        stage s(reading);
-        r = zelm::readrestart(in, d.format(), grid->cellsperzone(), nvar);
-      }
-      if (!to.dblprec) narrowed = lost(r.q);
-      stage s(writing);
-      zelm::writerestart(tmp, to, r, grid->cellsperzone());
-    } else {
-      zelm::pix p;
-      {
-        stage s(reading);
-        p = zelm::readpix(in, d.format(), grid->nodesperzone());
-      }
-      if (!to.dblprec) narrowed = lost(p.values);
-      stage s(writing);
-      zelm::writepix(tmp, to, p, grid->nodesperzone());
-    }
-  });
+  if (d.kind == filekind::grid) {
+    const auto g = reading(in, [&] { return zelm::readgrid(in, d.format()); });
+    if (!to.dblprec) narrowed = lost(g.x);
+    writing(set, out, [&] { zelm::writegrid(name, to, g); });
+  } else if (d.kind == filekind::restart) {
+    const int nvar = a.has("--nvar") ? std::atoi(a.get("--nvar").c_str()) : d.nvar;
+    if (nvar < 0)
+      die("the number of restart variables cannot be found from " + quoted(in) + ": give --nvar",
+          status::environment);
+    const auto r = reading(in, [&] { return zelm::readrestart(in, d.format(), grid->cellsperzone(), nvar); });
+    if (!to.dblprec) narrowed = lost(r.q);
+    writing(set, out, [&] { zelm::writerestart(name, to, r, grid->cellsperzone()); });
+  } else {
+    const auto p = reading(in, [&] { return zelm::readpix(in, d.format(), grid->nodesperzone()); });
+    if (!to.dblprec) narrowed = lost(p.values);
+    writing(set, out, [&] { zelm::writepix(name, to, p, grid->nodesperzone()); });
+  }
+  set.commit();
   std::printf("%s (%s, %s) -> %s (%s, %s)\n", in.c_str(), zelm::encodingname(d.enc),
               d.dblprec ? "double" : "single", out.c_str(), zelm::encodingname(to.enc),
               to.dblprec ? "double" : "single");
-  if (narrowed > 0)
-    std::printf("warning: %lld value(s) lost precision on the way to 4-byte reals\n",
-                static_cast<long long>(narrowed));
-  return 0;
+  if (!kept.empty())
+    note("wrote " + quoted(out) + " with the source's " + kept + " (--encoding, --precision to change)");
+  if (narrowed > 0) warn(std::to_string(narrowed) + " value(s) lost precision on the way to 4-byte reals");
+  return status::done;
 }
 
 // ---- export -----------------------------------------------------------------------------------
 
+// What the library prints on its standard output (unit 6), kept so that a failure can quote it
+// when the lines were not shown (without -v).
+char* librarytext = nullptr;
+std::size_t librarytextsize = 0;
+std::FILE* librarysink = nullptr;
+
+std::string lastlibraryline() {
+  if (librarysink == nullptr) return "";
+  std::fflush(librarysink);
+  std::string s(librarytext, librarytextsize);
+  while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
+  const auto nl = s.rfind('\n');
+  s = nl == std::string::npos ? s : s.substr(nl + 1);
+  const auto first = s.find_first_not_of(' ');
+  return first == std::string::npos ? "" : s.substr(first);
+}
+
+// An open, write or close of the export that fails: the environment's doing.
 void throwingfailure(const std::string& message) {
-  throw failure{message, 1};
+  throw zelmtool::failure{message, status::environment};
 }
+// The export stops on a cell whose nodes cannot be ordered: the grid is not what it should be.
 void throwingstop() {
-  throw failure{"the export stopped: a cell's nodes cannot be ordered (see the message above)", 1};
+  const std::string said = lastlibraryline();
+  std::string why = "the export stopped: a cell's nodes cannot be ordered";
+  if (global.verbose)
+    why += " (see the message above)";
+  else if (!said.empty())
+    why += ": " + said;
+  throw zelmtool::failure{why, status::badfile};
 }
-
-// Copies a file across folders (rename cannot cross file systems).
-void movefile(const fs::path& from, const fs::path& to) {
-  std::error_code ec;
-  fs::rename(from, to, ec);
-  if (!ec) return;
-  fs::copy_file(from, to, fs::copy_options::overwrite_existing);
-  fs::remove(from);
-}
-
-// One zone of the grid with its node values, exported to `out` through writetecplotfile.
+// One zone of the grid with its node values, exported through writetecplotfile to `name` (the
+// export takes file names of at most 40 characters).
 void exportzone(const zelm::grid& g, std::size_t k, const fortran::farray<double, 2>* values,
-                const fs::path& out) {
+                const std::string& name) {
   using fortran::farray;
   using fortran::index_t;
+  if (name.size() > 40)
+    die("the export takes file names of up to 40 characters, and this system gives no shorter name for " +
+            quoted(name),
+        status::environment);
   index_t node0 = 0, face0 = 0;
   for (std::size_t i = 0; i < k; ++i) {
     node0 += g.zones[i].nodes;
@@ -410,73 +414,66 @@ void exportzone(const zelm::grid& g, std::size_t k, const fortran::farray<double
     ifcell(1, f) = g.ifcell(1, face0 + f);
     ifcell(2, f) = g.ifcell(2, face0 + f);
   }
-  // The export takes a 40-character file name: it writes under a short temporary name first.
-  const char* tmpdir = std::getenv("TMPDIR");
-  fs::path tmp = fs::path(tmpdir != nullptr && std::strlen(tmpdir) < 20 ? tmpdir : "/tmp") /
-                 ("zelm-" + std::to_string(::getpid()) + ".dat");
   mod_gridvars::npixvar = 6;
   mod_gridvars::numrstrtvar = 6;
-  mod_zelmgrid::resetstate();  // the export runs once per run; this starts it afresh
+  mod_zelmgrid::resetstate();  // the export runs once per zone; this starts it afresh
   const int ndim = g.ndim, one = 1;
   try {
-    mod_zelmgrid::writetecplotfile(tmp.string(), ndim, one, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf,
-                                   ifnode, ifcell, qnode);
+    mod_zelmgrid::writetecplotfile(name, ndim, one, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf, ifnode,
+                                   ifcell, qnode);
     mod_zelmgrid::io::closeall();
-    movefile(tmp, out);
   } catch (...) {
     mod_zelmgrid::io::closeall();
-    std::error_code ec;
-    fs::remove(tmp, ec);
     throw;
   }
 }
 
-int exportgrid(const args& a) {
-  if (a.positional.size() != 1) die("export takes one grid file (see zelm export --help)", 2);
-  if (!a.has("-o")) die("export needs an output file: -o OUT.dat", 2);
+int exportgrid(const commandline& a) {
+  if (a.positional.size() == 2 && !a.has("-o"))
+    die("export takes one grid file; to name the output, give -o: zelm export " + a.positional[0] + " -o " +
+            a.positional[1],
+        status::environment);
+  if (a.positional.size() != 1)
+    die("export takes one grid file (see zelm export --help)", status::environment);
+  if (!a.has("-o")) die("export needs an output file: -o OUT.dat", status::environment);
   const fs::path out = a.get("-o");
-  zelm::grid g;
-  {
-    stage s("reading " + sized(a.positional[0]));
-    g = loadgrid(a.positional[0], false);
-  }
+  const zelm::grid g = loadgrid(a.positional[0], false);
   if (g.ndim != 2 && g.ndim != 3)
-    die("the Tecplot export takes 2D or 3D grids; this grid has ndim " + std::to_string(g.ndim));
+    die("the Tecplot export takes 2D or 3D grids; this grid has ndim " + std::to_string(g.ndim),
+        status::badfile);
   std::optional<zelm::pix> p;
   if (a.has("--pix")) {
     const std::string pixfile = a.get("--pix");
     requirefile(pixfile);
     const auto d = zelmtool::detect(pixfile, &g);
     if (d.kind != filekind::pix)
-      die("\"" + pixfile + "\" is not a pix file (" + zelmtool::kindname(d.kind) + ")");
-    if (!d.problems.empty()) die("\"" + pixfile + "\" does not fit the grid: " + d.problems.front());
-    p = zelm::readpix(pixfile, d.format(), g.nodesperzone());
+      die(quoted(pixfile) + " is not a pix file (" + zelmtool::kindname(d.kind) + ")", status::badfile);
+    if (!d.problems.empty())
+      die(quoted(pixfile) + " does not fit the grid: " + d.problems.front(), status::badfile);
+    p = reading(pixfile, [&] { return zelm::readpix(pixfile, d.format(), g.nodesperzone()); });
     if (!p->labels.empty())
-      std::printf(
-          "note: the Tecplot variables hold the six fixed variables; %zu free variable(s) are not exported\n",
-          p->labels.size());
+      note("the Tecplot variables hold the six fixed variables; " + std::to_string(p->labels.size()) +
+           " free variable(s) are not exported");
   }
-  std::vector<fs::path> outs;
+  outputset set(a.has("--force") ? outputset::existing::replace : outputset::existing::refuse);
+  std::vector<std::string> outs;
   for (std::size_t k = 0; k < g.zones.size(); ++k) {
     fs::path o = out;
     if (k > 0)
       o.replace_filename(out.stem().string() + "-zone" + std::to_string(k + 1) + out.extension().string());
-    std::error_code ec;
-    if (fs::exists(o, ec) && !a.has("--force"))
-      die("\"" + o.string() + "\" exists: give --force to replace it");
-    outs.push_back(o);
+    outs.push_back(o.string());
   }
   mod_zelmgrid::io::setfailurehandler(throwingfailure);
   mod_zelmgrid::io::setstophandler(throwingstop);
-  for (std::size_t k = 0; k < g.zones.size(); ++k) {
-    {
-      stage s("exporting zone " + std::to_string(k + 1) + " to " + outs[k].string());
-      exportzone(g, k, p ? &p->values : nullptr, outs[k]);
-    }
+  std::vector<std::string> names;
+  for (const auto& o : outs) names.push_back(set.add(o));
+  for (std::size_t k = 0; k < g.zones.size(); ++k)
+    writing(set, outs[k], [&] { exportzone(g, k, p ? &p->values : nullptr, names[k]); });
+  set.commit();
+  for (std::size_t k = 0; k < g.zones.size(); ++k)
     std::printf("wrote %s (zone %zu: %d nodes, %d cells)\n", outs[k].c_str(), k + 1, g.zones[k].nodes,
                 g.zones[k].cells);
-  }
-  return 0;
+  return status::done;
 }
 
 // ---- sample -----------------------------------------------------------------------------------
@@ -498,10 +495,14 @@ zelm::grid typed(const zelmgen::grid& g) {
   return t;
 }
 
-int sample(const args& a) {
-  if (a.positional.size() != 1) die("sample takes a folder (see zelm sample --help)", 2);
+int sample(const commandline& a) {
+  if (a.positional.size() != 1) die("sample takes a folder (see zelm sample --help)", status::environment);
   const fs::path dir = a.positional[0];
-  fs::create_directories(dir);
+  std::error_code ec;
+  fs::create_directories(dir, ec);
+  if (ec) die("cannot make the folder " + quoted(dir.string()) + ": " + ec.message(), status::environment);
+  outputset set(a.has("--force") ? outputset::existing::replace : outputset::existing::keepifsame);
+  std::vector<std::string> written;
   struct samplegrid {
     const char* name;
     zelmgen::grid g;
@@ -527,65 +528,100 @@ int sample(const args& a) {
     for (fortran::index_t i = 0; i < cellvalues.size(); ++i) r.q.data()[i] = cellvalues.data()[i];
     for (auto [enc, suffix] :
          {std::pair{zelm::encoding::unformatted, "unf"}, std::pair{zelm::encoding::formatted, "txt"}}) {
-      const std::string base = (dir / s.name).string();
-      zelm::writegrid(base + "-grid." + suffix, {enc, false}, g);
-      zelm::writepix(base + "-pix." + suffix, {enc, false}, p, g.nodesperzone());
-      zelm::writerestart(base + "-restart." + suffix, {enc, false}, r, g.cellsperzone());
-      std::printf("wrote %s-grid.%s, %s-pix.%s and %s-restart.%s\n", base.c_str(), suffix, base.c_str(),
-                  suffix, base.c_str(), suffix);
+      const std::string base = (dir / s.name).string() + "-";
+      const zelm::format f{enc, false};
+      const auto put = [&](const char* kind, auto&& write) {
+        const std::string destination = base + kind + suffix, name = set.add(destination);
+        written.push_back(destination);
+        writing(set, destination, [&] { write(name); });
+      };
+      put("grid.", [&](const std::string& name) { zelm::writegrid(name, f, g); });
+      put("pix.", [&](const std::string& name) { zelm::writepix(name, f, p, g.nodesperzone()); });
+      put("restart.", [&](const std::string& name) { zelm::writerestart(name, f, r, g.cellsperzone()); });
     }
   }
-  return 0;
+  set.commit();
+  const auto same = set.unchanged();
+  for (const auto& w : written)
+    std::printf("%s %s\n", std::find(same.begin(), same.end(), w) == same.end() ? "wrote" : "unchanged",
+                w.c_str());
+  return status::done;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  int first = 1;
-  bool quiet = false;
-  while (first < argc && (std::string(argv[first]) == "--quiet" || std::string(argv[first]) == "-q")) {
-    quiet = true;
-    ++first;
-  }
-  showprogress = !quiet && ::isatty(2) != 0;
-  if (quiet) {
-    mod_zelmgrid::io::setstdout(nullptr);
-    mod_gridvars::announcements = nullptr;
-  }
-  if (first >= argc || std::string(argv[first]) == "--help" || std::string(argv[first]) == "-h") {
-    std::fputs(usage, first >= argc ? stderr : stdout);
-    return first >= argc ? 2 : 0;
-  }
-  const std::string verb = argv[first];
+  const std::vector<zelmtool::verbspec> specs = {
+      {"info", {"--grid", "--nvar"}, {}},
+      {"convert", {"-o", "--encoding", "--precision", "--grid", "--nvar"}, {"--force"}},
+      {"export", {"-o", "--pix"}, {"--force"}},
+      {"sample", {}, {"--force"}},
+      {"help", {}, {}},
+  };
   struct verbdef {
     const char* help;
-    std::vector<std::string> valued, flags;
-    int (*run)(const args&);
+    int (*run)(const commandline&);
   };
   const std::map<std::string, verbdef> verbs = {
-      {"info", {infohelp, {"--grid", "--nvar"}, {}, info}},
-      {"convert", {converthelp, {"--encoding", "--precision", "--grid", "--nvar"}, {"--force"}, convert}},
-      {"export", {exporthelp, {"-o", "--pix"}, {"--force"}, exportgrid}},
-      {"sample", {samplehelp, {}, {}, sample}},
+      {"info", {infohelp, info}},           {"convert", {converthelp, convert}},
+      {"export", {exporthelp, exportgrid}}, {"sample", {samplehelp, sample}},
+      {"help", {helphelp, nullptr}},
   };
-  const auto it = verbs.find(verb);
-  if (it == verbs.end()) {
-    std::fprintf(stderr, "zelm: unknown verb \"%s\"\n\n%s", verb.c_str(), usage);
-    return 2;
-  }
-  for (int i = first + 1; i < argc; ++i)
-    if (std::string(argv[i]) == "--help" || std::string(argv[i]) == "-h") {
-      std::fputs(it->second.help, stdout);
-      return 0;
-    }
+  const auto helpfor = [&](const std::string& verb) {
+    const auto it = verbs.find(verb);
+    if (it == verbs.end())
+      die("unknown verb " + quoted(verb) + " (verbs: info, convert, export, sample, help)", 2);
+    std::fputs(it->second.help, stdout);
+    if (verb != "help")
+      std::fputs("\nOptions -q, -v and -h go anywhere; see zelm --help for the exit statuses.\n", stdout);
+  };
+  int result = status::done;
   try {
-    const args a = parse(argc, argv, first + 1, it->second.valued, it->second.flags);
-    return it->second.run(a);
-  } catch (const failure& f) {
+    const commandline c = zelmtool::parse(argc, argv, specs);
+    global = c.global;
+    if (global.version) {
+      std::printf("zelm %s\n", ZELM_VERSION);
+    } else if (c.verb.empty() && !global.help) {
+      std::fputs(usage, stderr);
+      std::fputs(zelmtool::statustable, stderr);
+      result = status::environment;
+    } else if (c.verb.empty() || (c.verb == "help" && c.positional.empty())) {
+      std::fputs(usage, stdout);
+      std::fputs(zelmtool::statustable, stdout);
+    } else if (c.verb == "help" || global.help) {
+      if (c.verb == "help" && c.positional.size() > 1) die("help takes one verb", status::environment);
+      helpfor(c.verb == "help" ? c.positional[0] : c.verb);
+    } else {
+      // The library's own lines (what it reads and writes, the export's steps) only with -v, on
+      // standard error; otherwise kept, so that a failure can quote them.
+      if (global.verbose) {
+        mod_gridvars::announcements = stderr;
+        mod_zelmgrid::io::setstdout(stderr);
+      } else {
+        mod_gridvars::announcements = nullptr;
+        librarysink = ::open_memstream(&librarytext, &librarytextsize);
+        mod_zelmgrid::io::setstdout(librarysink);
+      }
+      zelmtool::progress::enable(!global.quiet && !global.verbose && ::isatty(2) != 0);
+      zelmtool::installsignalhandlers();
+      result = verbs.at(c.verb).run(c);
+    }
+  } catch (const zelmtool::failure& f) {
     std::fprintf(stderr, "zelm: %s\n", f.message.c_str());
-    return f.status;
+    result = f.status;
+  } catch (const zelm::error& e) {
+    std::fprintf(stderr, "zelm: %s\n", e.what());
+    result = status::badfile;
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "zelm: out of memory\n");
+    result = status::environment;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "zelm: %s\n", e.what());
-    return 1;
+    result = status::environment;
   }
+  if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+    std::fprintf(stderr, "zelm: cannot write to standard output: %s\n", std::strerror(errno));
+    if (result == status::done) result = status::environment;
+  }
+  return result;
 }
