@@ -146,7 +146,16 @@ int renamenoreplace(const char* from, const char* to) {
   return 0;
 }
 
+int systemrename(const char* from, const char* to, bool replace) {
+  return replace ? ::rename(from, to) : renamenoreplace(from, to);
+}
+
 }  // namespace
+
+renamecall& committingrename() {
+  static renamecall call = systemrename;
+  return call;
+}
 
 void installsignalhandlers() {
   for (int sig : {SIGINT, SIGTERM, SIGXFSZ}) {
@@ -303,10 +312,8 @@ void outputset::commit() {
   };
   for (auto& f : files_) {
     if (f.same) continue;
-    const int r = f.existed && policy_ == existing::replace
-                      ? ::rename(f.temporary.c_str(), f.destination.c_str())
-                      : renamenoreplace(f.temporary.c_str(), f.destination.c_str());
-    if (r != 0) {
+    const bool replace = f.existed && policy_ == existing::replace;
+    if (committingrename()(f.temporary.c_str(), f.destination.c_str(), replace) != 0) {
       const int err = errno;
       rollback();
       dropbackups();

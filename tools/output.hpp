@@ -62,6 +62,11 @@ class outputset {
   bool committed_ = false;
 };
 
+// The rename that commits each file of a set (`replace`: an existing destination may be replaced);
+// tests put another in its place to make one fail.
+using renamecall = int (*)(const char* from, const char* to, bool replace);
+renamecall& committingrename();
+
 // SIGINT and SIGTERM remove every temporary before the process ends as the signal says; a write
 // past the file size limit (ulimit -f) fails with an error instead of ending the process, so the
 // command removes its temporaries and says why. Signals ignored when the tool started stay

@@ -151,6 +151,12 @@ auto reading(const std::string& path, F&& read) {
   return read();
 }
 
+[[noreturn]] void writefailed(const outputset& set, const std::string& destination, const std::string& why) {
+  std::string m = "cannot write " + quoted(destination) + " (left as it was): " + set.explain(why);
+  if (why.find(std::strerror(EFBIG)) != std::string::npos) m += " (the file size limit, ulimit -f)";
+  die(m, status::environment);
+}
+
 // Writes one output of `set` through `write`; a failure leaves the destination as it was and says
 // why (status 2).
 template <class F>
@@ -160,10 +166,9 @@ void writing(outputset& set, const std::string& destination, F&& write) {
     write();
   } catch (const zelmtool::failure& f) {
     if (f.status != status::environment) die(set.explain(f.message), f.status);
-    die("cannot write " + quoted(destination) + " (left as it was): " + set.explain(f.message), f.status);
+    writefailed(set, destination, f.message);
   } catch (const std::exception& e) {
-    die("cannot write " + quoted(destination) + " (left as it was): " + set.explain(e.what()),
-        status::environment);
+    writefailed(set, destination, e.what());
   }
 }
 
