@@ -1,6 +1,18 @@
 """The zelm command, driven as a user drives it."""
+import fcntl
 import os
+import pathlib
+import pty
+import resource
+import signal
+import stat
+import struct
+import shutil
 import subprocess
+import tempfile
+import termios
+import time
+from array import array
 
 import pytest
 
@@ -9,8 +21,8 @@ ENCODINGS = ["unformatted", "binary", "formatted"]
 PRECISIONS = ["single", "double"]
 
 
-def run(*args, check=None):
-    p = subprocess.run([ZELM, *args], capture_output=True, text=True, timeout=120)
+def run(*args, check=None, **kw):
+    p = subprocess.run([ZELM, *args], capture_output=True, text=True, timeout=120, **kw)
     if check is not None:
         assert p.returncode == check, (p.returncode, p.stdout, p.stderr)
     return p
@@ -96,7 +108,8 @@ def test_convert_says_when_values_lose_precision(variants, tmp_path):
     text = text.replace("0000000E", "1234567E", 1)
     open(src, "w").write(text)
     p = run("convert", src, str(tmp_path / "coarse"), "--encoding", "binary", "--precision", "single", check=0)
-    assert "lost precision" in p.stdout
+    assert "warning:" in p.stderr and "lost precision" in p.stderr
+    assert "lost precision" not in p.stdout
 
 
 def test_convert_refuses_to_overwrite_without_force(samples, tmp_path):
@@ -111,7 +124,7 @@ def test_convert_refuses_to_overwrite_without_force(samples, tmp_path):
 
 def test_missing_file(tmp_path):
     p = run("info", str(tmp_path / "nothere"))
-    assert p.returncode == 1 and "no such file" in p.stderr
+    assert p.returncode == 2 and "no such file" in p.stderr
 
 
 def test_truncated_file_leaves_no_output(samples, tmp_path):
@@ -192,7 +205,7 @@ def test_export_refuses_to_overwrite_and_leaves_nothing_half_written(tmp_path):
     out = tmp_path / "e.dat"
     out.write_text("keep")
     p = run("export", os.path.join(examples, "flow3d-grid.unf"), "-o", str(out))
-    assert p.returncode == 1 and "--force" in p.stderr and out.read_text() == "keep"
+    assert p.returncode == 2 and "--force" in p.stderr and out.read_text() == "keep"
     p = run("export", os.path.join(examples, "flow3d-grid.unf"), "--pix",
             os.path.join(examples, "flow2d-pix.unf"), "-o", str(tmp_path / "x.dat"))
     assert p.returncode == 1 and "does not fit the grid" in p.stderr
@@ -222,3 +235,296 @@ def test_restart_file_against_the_wrong_grid(samples):
     p = run("info", str(samples / "flow2d-restart.unf"), "--grid", str(samples / "flow3d-grid.unf"))
     assert p.returncode == 1 and "DOES NOT FIT" in p.stdout
     assert "but zone 1 of the grid has 1,536 cells (6,144 bytes)" in p.stdout
+
+
+# ---- exit statuses and habits -----------------------------------------------------------------
+
+EXAMPLES = os.path.join(os.environ.get("ZELM_SOURCE_DIR", "."), "examples")
+
+
+def example(name):
+    return os.path.join(EXAMPLES, name)
+
+
+def leftovers(folder):
+    """Temporaries or second names that zelm left in a folder."""
+    return [f for f in os.listdir(folder) if ".zelm" in f]
+
+
+def test_one_exit_status_table_in_the_help_and_the_readme():
+    help_text = run("--help", check=0).stdout
+    table = help_text[help_text.index("exit status:"):]
+    for code in ("0  done", "1  a file is not what was asked", "2  usage or environment"):
+        assert code in table
+    readme = open(os.path.join(os.environ.get("ZELM_SOURCE_DIR", "."), "README.md")).read()
+    assert table.strip() in readme
+
+
+def test_exit_statuses_follow_the_table(samples, tmp_path):
+    notes = tmp_path / "notes.txt"
+    notes.write_text("hello\n")
+    assert run("info", str(samples / "flow2d-grid.unf")).returncode == 0
+    assert run("info", str(notes)).returncode == 1  # not a file of the family
+    assert run("info", str(samples / "flow3d-pix.unf"), "--grid", str(samples / "flow2d-grid.unf")).returncode == 1
+    assert run("info").returncode == 2  # usage
+    assert run("info", str(tmp_path / "nothere")).returncode == 2  # environment
+    assert run().returncode == 2
+    fifo = tmp_path / "fifo"
+    os.mkfifo(fifo)
+    p = run("info", str(fifo))  # never opened: a FIFO with no writer would hang a reader
+    assert p.returncode == 2 and "not a regular file" in p.stderr
+
+
+def test_global_options_anywhere_on_the_line(tmp_path):
+    out = tmp_path / "e.dat"
+    p = run("export", example("flow2d-grid.unf"), "-o", str(out), "--quiet", check=0)
+    assert p.stderr == ""
+    run("-q", "export", example("flow2d-grid.unf"), "-o", str(out), "--force", check=0)
+    assert run("--version", check=0).stdout.startswith("zelm ")
+    assert "usage: zelm info" in run("info", "whatever", "-h", check=0).stdout
+    assert "usage: zelm convert" in run("-h", "convert", check=0).stdout
+    assert "usage: zelm convert" in run("help", "convert", check=0).stdout
+    assert "verbs:" in run("help", check=0).stdout
+    p = run("help", "frobnicate")
+    assert p.returncode == 2 and "unknown verb" in p.stderr
+
+
+def test_double_dash_ends_the_options(samples, tmp_path):
+    odd = tmp_path / "-odd"
+    odd.write_bytes((samples / "flow2d-grid.unf").read_bytes())
+    p = run("info", "-odd", cwd=tmp_path)
+    assert p.returncode == 2 and "unknown option -odd" in p.stderr
+    p = run("info", "--", "-odd", cwd=tmp_path, check=0)
+    assert "grid file" in p.stdout
+
+
+def test_a_missing_option_value_is_named_as_missing(samples, tmp_path):
+    grid = str(samples / "flow2d-grid.unf")
+    for args in (["convert", grid, str(tmp_path / "o"), "--encoding"],
+                 ["convert", grid, str(tmp_path / "o"), "--encoding", "--precision", "double"],
+                 ["export", grid, "-o"]):
+        p = run(*args)
+        assert p.returncode == 2 and "is missing its value" in p.stderr, args
+    assert not os.path.exists(tmp_path / "o")
+
+
+def test_library_lines_only_with_verbose_and_never_on_standard_output(tmp_path):
+    out = tmp_path / "e.dat"
+    p = run("export", example("flow3d-grid.unf"), "-o", str(out), check=0)
+    assert p.stdout.splitlines() == ["wrote %s (zone 1: 567 nodes, 1536 cells)" % out]
+    assert p.stderr == ""
+    p = run("-v", "export", example("flow3d-grid.unf"), "-o", str(out), "--force", check=0)
+    assert p.stdout.splitlines() == ["wrote %s (zone 1: 567 nodes, 1536 cells)" % out]
+    assert "Writing to Tecplot file" in p.stderr
+
+
+def test_notes_go_to_standard_error_and_quiet_leaves_them_out(tmp_path):
+    out = tmp_path / "e.dat"
+    p = run("export", example("flow2d-grid.unf"), "--pix", example("flow2d-pix.unf"), "-o", str(out), check=0)
+    assert "free variable(s) are not exported" in p.stderr and "free variable" not in p.stdout
+    p = run("export", example("flow2d-grid.unf"), "--pix", example("flow2d-pix.unf"), "-o", str(out), "--force",
+            "-q", check=0)
+    assert p.stderr == ""
+
+
+def test_convert_keeps_the_source_encoding_and_precision_and_says_so(variants, tmp_path):
+    for (enc, prec), (g, _) in variants.items():
+        out = tmp_path / ("same-" + enc + prec)
+        p = run("convert", g, "-o", str(out), check=0)
+        assert "the source's encoding %s and precision %s" % (enc, prec) in p.stderr
+        assert out.read_bytes() == open(g, "rb").read(), (enc, prec)
+    g, _ = variants[("unformatted", "single")]
+    p = run("convert", g, str(tmp_path / "d"), "--precision", "double", check=0)
+    assert "the source's encoding unformatted (" in p.stderr
+    p = run("convert", g, str(tmp_path / "e"), "-o", str(tmp_path / "f"))
+    assert p.returncode == 2 and "only an input and an output" in p.stderr
+
+
+def test_export_with_a_second_file_suggests_o(tmp_path):
+    p = run("export", example("flow2d-grid.unf"), str(tmp_path / "e.dat"))
+    assert p.returncode == 2 and "-o " + str(tmp_path / "e.dat") in p.stderr
+    assert not (tmp_path / "e.dat").exists()
+
+
+def test_sample_refuses_to_overwrite_changed_files_without_force(tmp_path):
+    run("sample", str(tmp_path), check=0)
+    p = run("sample", str(tmp_path), check=0)  # the same bytes: nothing to refuse
+    assert all(line.startswith("unchanged ") for line in p.stdout.splitlines())
+    changed = tmp_path / "flow3d-pix.txt"
+    changed.write_text("my own notes\n")
+    before = {f: (tmp_path / f).read_bytes() for f in os.listdir(tmp_path)}
+    p = run("sample", str(tmp_path))
+    assert p.returncode == 2 and "flow3d-pix.txt" in p.stderr and "--force" in p.stderr
+    assert {f: (tmp_path / f).read_bytes() for f in os.listdir(tmp_path)} == before
+    run("sample", str(tmp_path), "--force", check=0)
+    assert changed.read_text() != "my own notes\n"
+    assert not leftovers(tmp_path)
+
+
+def test_standard_output_that_cannot_be_written_is_a_failure(samples):
+    with open("/dev/full", "w") as full:
+        p = subprocess.run([ZELM, "info", str(samples / "flow2d-grid.unf")], stdout=full, stderr=subprocess.PIPE,
+                           text=True, timeout=60)
+    assert p.returncode == 2 and "standard output" in p.stderr
+
+
+# ---- outputs that are never half-written and never anyone else's -------------------------------
+
+
+@pytest.fixture(scope="module")
+def biggrid(tmp_path_factory):
+    """An unframed grid of a million nodes (24 MB): its text conversion takes long enough to be
+    interrupted while it is written."""
+    path = tmp_path_factory.mktemp("big") / "big.bin"
+    n = 1000000
+    coords = array("d", (((i * 7919) % 10007) / 10007.0 for i in range(3 * n)))
+    path.write_bytes(struct.pack("<8i", 3, 1, 0, n, 0, 0, 0, 0) + coords.tobytes())
+    return path
+
+
+def as_nobody():
+    os.setgid(65534)
+    os.setgroups([])
+    os.setuid(65534)
+
+
+def test_an_unwritable_folder_leaves_the_old_output(samples):
+    # root writes anywhere: the command then runs as nobody, for whom the folder is read-only (in a
+    # folder of /tmp, which nobody can reach)
+    kw = {"preexec_fn": as_nobody} if os.geteuid() == 0 else {}
+    folder = pathlib.Path(tempfile.mkdtemp(prefix="zelm-ro-"))
+    try:
+        grid = folder / "grid"
+        grid.write_bytes((samples / "flow2d-grid.unf").read_bytes())
+        out = folder / "g.bin"
+        out.write_bytes(b"old output")
+        folder.chmod(0o555)
+        p = run("convert", str(grid), str(out), "--encoding", "binary", "--force", **kw)
+        assert p.returncode == 2 and "cannot write" in p.stderr and "Permission denied" in p.stderr
+        assert out.read_bytes() == b"old output"
+        assert not leftovers(folder)
+    finally:
+        folder.chmod(0o755)
+        shutil.rmtree(folder)
+
+
+def test_only_regular_files_are_replaced_even_with_force(samples, tmp_path):
+    grid = str(samples / "flow2d-grid.unf")
+    p = run("convert", grid, "/dev/null", "--encoding", "binary", "--force")
+    assert p.returncode == 2 and "not a regular file (a device)" in p.stderr
+    assert stat.S_ISCHR(os.stat("/dev/null").st_mode)
+    fifo = tmp_path / "fifo"
+    os.mkfifo(fifo)
+    p = run("convert", grid, str(fifo), "--encoding", "binary", "--force")
+    assert p.returncode == 2 and "(a FIFO)" in p.stderr and stat.S_ISFIFO(os.lstat(fifo).st_mode)
+    folder = tmp_path / "folder"
+    folder.mkdir()
+    p = run("convert", grid, str(folder), "--encoding", "binary", "--force")
+    assert p.returncode == 2 and "(a folder)" in p.stderr and folder.is_dir()
+    assert not leftovers(tmp_path)
+
+
+def test_a_symbolic_link_at_the_destination_is_refused(samples, tmp_path):
+    target = tmp_path / "target"
+    target.write_bytes(b"the link's target")
+    link = tmp_path / "link"
+    link.symlink_to(target)
+    for force in ([], ["--force"]):
+        p = run("convert", str(samples / "flow2d-grid.unf"), str(link), "--encoding", "binary", *force)
+        assert p.returncode == 2 and "is a symbolic link" in p.stderr
+        assert os.readlink(link) == str(target) and target.read_bytes() == b"the link's target"
+    assert not leftovers(tmp_path)
+
+
+def wait_for_writing(folder, proc):
+    """Waits until zelm has begun writing its temporary in `folder`."""
+    deadline = time.monotonic() + 60
+    while time.monotonic() < deadline and proc.poll() is None:
+        for f in leftovers(folder):
+            try:
+                if os.path.getsize(folder / f) > 0:
+                    return
+            except FileNotFoundError:
+                pass
+        time.sleep(0.005)
+    pytest.fail("zelm never began writing")
+
+
+@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT])
+def test_a_signal_mid_write_leaves_the_old_output_and_no_temporary(biggrid, tmp_path, sig):
+    out = tmp_path / "big.txt"
+    out.write_text("old output")
+    proc = subprocess.Popen([ZELM, "convert", str(biggrid), str(out), "--encoding", "formatted", "--force"],
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        wait_for_writing(tmp_path, proc)
+        proc.send_signal(sig)
+        assert proc.wait(timeout=60) == -sig
+    finally:
+        proc.kill()
+        proc.wait()
+    assert out.read_text() == "old output"
+    assert not leftovers(tmp_path)
+
+
+def file_size_limit(limit):
+    return lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
+
+
+def test_the_file_size_limit_leaves_the_old_output_and_no_temporary(biggrid, tmp_path):
+    out = tmp_path / "big.txt"
+    out.write_text("old output")
+    p = run("convert", str(biggrid), str(out), "--encoding", "formatted", "--force",
+            preexec_fn=file_size_limit(1 << 20))
+    assert p.returncode == 2 and "ulimit -f" in p.stderr and p.stderr.count("\n") == 1
+    assert out.read_text() == "old output"
+    assert not leftovers(tmp_path)
+
+
+def test_an_export_replaces_all_its_files_or_none(tmp_path):
+    grid = example("flow2d-grid.unf")
+    first, second = tmp_path / "e.dat", tmp_path / "e-zone2.dat"
+    run("export", grid, "-o", str(first), check=0)
+    sizes = first.stat().st_size, second.stat().st_size
+    assert sizes[0] < sizes[1]
+    first.write_text("old zone 1")
+    second.write_text("old zone 2")
+    # zone 1 fits under the limit, zone 2 does not
+    p = run("export", grid, "-o", str(first), "--force", preexec_fn=file_size_limit(sum(sizes) // 2))
+    assert p.returncode == 2 and "e-zone2.dat" in p.stderr
+    assert first.read_text() == "old zone 1" and second.read_text() == "old zone 2"
+    assert not leftovers(tmp_path)
+    # zone 2's destination cannot be replaced: zone 1 is not replaced either
+    second.unlink()
+    second.mkdir()
+    p = run("export", grid, "-o", str(first), "--force")
+    assert p.returncode == 2 and "e-zone2.dat" in p.stderr
+    assert first.read_text() == "old zone 1" and second.is_dir()
+    assert not leftovers(tmp_path)
+
+
+def test_a_progress_line_on_a_terminal_erases_itself(biggrid, tmp_path):
+    master, slave = pty.openpty()
+    fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 300, 0, 0))
+    try:
+        p = subprocess.run([ZELM, "convert", str(biggrid), str(tmp_path / "t"), "--encoding", "formatted"],
+                           stdout=subprocess.DEVNULL, stderr=slave, timeout=120)
+        os.close(slave)
+        seen = b""
+        while True:
+            try:
+                chunk = os.read(master, 65536)
+            except OSError:
+                break
+            if not chunk:
+                break
+            seen += chunk
+    finally:
+        os.close(master)
+    assert p.returncode == 0
+    text = seen.decode()
+    assert "writing " + str(tmp_path / "t") in text and "MB/s" in text
+    # the last progress line is erased before the note that follows it
+    assert text.rindex("\r\x1b[K") > text.rindex("MB/s")
+    p = run("convert", str(biggrid), str(tmp_path / "u"), "--encoding", "formatted", check=0)
+    assert "MB/s" not in p.stderr  # not a terminal: no progress line
