@@ -2,6 +2,7 @@
 #include "fuzzentries.hpp"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -73,17 +74,13 @@ void reset() {
 
 void writeinput(const std::uint8_t* data, std::size_t size) {
   const std::size_t skip = std::min(size, headerbytes);
-  const int fd = ::open(inputpath().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    std::perror(inputpath().c_str());
-    std::abort();
-  }
+  const int fd = inputfd();
+  if (::ftruncate(fd, 0) != 0) std::abort();
   for (std::size_t done = skip; done < size;) {
-    const ssize_t put = ::write(fd, data + done, size - done);
+    const ssize_t put = ::pwrite(fd, data + done, size - done, static_cast<off_t>(done - skip));
     if (put <= 0) std::abort();
     done += static_cast<std::size_t>(put);
   }
-  ::close(fd);
 }
 
 // The caller's per-zone count array: nzones entries (one fewer when flag bit 2 is set).
@@ -311,16 +308,22 @@ const entry* findentry(const std::string& name) {
   return nullptr;
 }
 
-const std::string& inputpath() {
-  static const std::string path = [] {
-    std::filesystem::path dir = std::filesystem::exists("/dev/shm") ? std::filesystem::path("/dev/shm")
-                                                                    : std::filesystem::temp_directory_path();
-    dir /= "zf" + std::to_string(::getpid());
-    std::filesystem::create_directories(dir);
-    std::string p = (dir / "in").string();
-    if (p.size() > 40) std::abort();
-    return p;
+// The input file lives in memory with no name in any folder, so that no run, however it ends,
+// leaves it behind; the routines open it by the name /proc gives its descriptor.
+int inputfd() {
+  static const int fd = [] {
+    const int f = ::memfd_create("zelmfuzz-input", MFD_CLOEXEC);
+    if (f < 0) {
+      std::perror("memfd_create");
+      std::abort();
+    }
+    return f;
   }();
+  return fd;
+}
+
+const std::string& inputpath() {
+  static const std::string path = "/proc/self/fd/" + std::to_string(inputfd());
   return path;
 }
 

@@ -42,9 +42,10 @@ struct entry {
 const std::vector<entry>& entries();
 const entry* findentry(const std::string& name);
 
-// Where the inputs are written (a directory in /dev/shm when it exists, else the temporary
-// directory); the file name is short enough for a 40-character name.
+// Where the inputs are written: an anonymous file in memory, named by its descriptor in /proc
+// (short enough for a 40-character name; nothing is left on disk when a run ends, even by a crash).
 const std::string& inputpath();
+int inputfd();
 
 // Checks made after every routine call; a broken one aborts, so that the fuzzer saves the input.
 //   - a read failure's account names the file (or the unconnected unit), the record and the byte
