@@ -507,8 +507,14 @@ def test_a_progress_line_on_a_terminal_erases_itself(biggrid, tmp_path):
     master, slave = pty.openpty()
     fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 300, 0, 0))
     try:
-        p = subprocess.run([ZELM, "convert", str(biggrid), str(tmp_path / "t"), "--encoding", "formatted"],
-                           stdout=subprocess.DEVNULL, stderr=slave, timeout=120)
+        proc = subprocess.Popen([ZELM, "convert", str(biggrid), str(tmp_path / "t"), "--encoding", "formatted"],
+                                stdout=subprocess.DEVNULL, stderr=slave)
+        # held up mid-write, so that the work lasts long enough for a line on any machine
+        wait_for_writing(tmp_path, proc)
+        proc.send_signal(signal.SIGSTOP)
+        time.sleep(0.5)
+        proc.send_signal(signal.SIGCONT)
+        returncode = proc.wait(timeout=120)
         os.close(slave)
         seen = b""
         while True:
@@ -521,7 +527,7 @@ def test_a_progress_line_on_a_terminal_erases_itself(biggrid, tmp_path):
             seen += chunk
     finally:
         os.close(master)
-    assert p.returncode == 0
+    assert returncode == 0
     text = seen.decode()
     assert "writing " + str(tmp_path / "t") in text and "MB/s" in text
     # the last progress line is erased before the note that follows it
