@@ -1,6 +1,6 @@
 // The zelm tool under write faults: a conversion that cannot be written whole (the file size limit
-// of the process stands in for a full disk; a missing folder for a refused open) ends with status 1
-// and a message naming the requested output, and leaves nothing under that name - neither a
+// of the process stands in for a full disk; a missing folder for a refused open) is an error of the
+// environment: it ends with status 2 and a message naming the requested output, and leaves nothing under that name - neither a
 // half-written file nor a temporary beside it - and an existing output as it was.
 #include <sys/wait.h>
 
@@ -62,8 +62,8 @@ class zelmfaults : public zt::zelmtest {
 
 TEST_F(zelmfaults, ConvertOnAFullDiskLeavesNoOutputAndNoTemporary) {
   const result r = sh(limited(zelm + " convert in.unf out.txt --encoding formatted --precision double"));
-  EXPECT_EQ(r.status, 1) << r.output;
-  EXPECT_NE(r.output.find("zelm: cannot write \"out.txt\", left as it was: "), std::string::npos) << r.output;
+  EXPECT_EQ(r.status, 2) << r.output;
+  EXPECT_NE(r.output.find("zelm: cannot write \"out.txt\" (left as it was): "), std::string::npos) << r.output;
   EXPECT_NE(r.output.find("File too large"), std::string::npos) << r.output;
   EXPECT_FALSE(fs::exists("out.txt"));
   EXPECT_FALSE(leftovers());
@@ -73,20 +73,20 @@ TEST_F(zelmfaults, ConvertOnAFullDiskKeepsTheExistingOutput) {
   zt::writefile("out.txt", "the previous conversion\n");
   const result r =
       sh(limited(zelm + " convert in.unf out.txt --encoding formatted --precision double --force"));
-  EXPECT_EQ(r.status, 1) << r.output;
+  EXPECT_EQ(r.status, 2) << r.output;
   EXPECT_EQ(zt::readfile("out.txt"), "the previous conversion\n");
   EXPECT_FALSE(leftovers());
 }
 
 TEST_F(zelmfaults, ConvertIntoAMissingFolderFailsWithoutAnOutput) {
   const result r = sh(zelm + " convert in.unf nowhere/out.bin --encoding binary --precision single");
-  EXPECT_EQ(r.status, 1) << r.output;
+  EXPECT_EQ(r.status, 2) << r.output;
   EXPECT_NE(r.output.find("cannot write \"nowhere/out.bin\""), std::string::npos) << r.output;
   EXPECT_FALSE(fs::exists("nowhere"));
 }
 
 TEST_F(zelmfaults, ConvertWithoutTheFaultWritesTheWholeFile) {
-  ASSERT_EQ(sh(limited(zelm + " convert in.unf out.txt --encoding formatted --precision double")).status, 1);
+  ASSERT_EQ(sh(limited(zelm + " convert in.unf out.txt --encoding formatted --precision double")).status, 2);
   const result r = sh(zelm + " convert in.unf out.txt --encoding formatted --precision double");
   EXPECT_EQ(r.status, 0) << r.output;
   EXPECT_FALSE(leftovers());
