@@ -15,6 +15,7 @@
 
 #include "detect.hpp"
 #include "gridgen.hpp"
+#include "zelmgrid/export.hpp"
 #include "zelmgrid/files.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
 
@@ -33,8 +34,8 @@ verbs:
   info FILE [--grid GRID]        what a file is, with the evidence, and its contents
   convert IN OUT --encoding E --precision P [--grid GRID] [--nvar N] [--force]
                                  rewrite a file in another encoding or precision
-  export GRID [--pix PIX] -o OUT.dat [--force]
-                                 write a grid and its node solution to Tecplot ASCII
+  export GRID [--pix PIX] [--restart RESTART] -o OUT.vtu|.vtm|.dat [--force]
+                                 write a grid and its solutions for a viewer (VTK XML or Tecplot)
   sample DIR                     write the sample grids and solutions into DIR
 
 Run 'zelm VERB --help' for the options of a verb.
@@ -65,17 +66,31 @@ Every zone keeps its place (the conversion does not go through the routines' zon
 placement). zelm says when values lose precision on the way to single precision.
 )";
 
-constexpr const char* exporthelp = R"(usage: zelm export GRID [--pix PIX] -o OUT.dat [--force]
+constexpr const char* exporthelp =
+    R"(usage: zelm export GRID [--pix PIX] [--restart RESTART [--nvar N]] -o OUT [options]
 
-Writes GRID with the node solution of PIX (zero when omitted) to a Tecplot ASCII file
-through the library's export: triangles or quadrilaterals in 2D, a tetrahedron zone and a
-prism zone (as bricks) in 3D, and the zone's body surface.
-  -o OUT.dat      the Tecplot file
-  --pix PIX       the node solution; its six fixed variables become RHO U V W P FREE
-  --force         replace OUT.dat if it exists
-
-The export numbers nodes and cells within one zone, so a grid of several zones is written
-one file per zone: OUT.dat for zone 1, OUT-zone2.dat for zone 2, and so on.
+Writes GRID with its node solution (PIX) and cell solution (RESTART) in a form that
+ParaView, VisIt or Tecplot open as it is. Cells are rebuilt from the grid's faces: every
+zone, every cell (triangles, quadrilaterals and polygons in 2D; tetrahedra, pyramids,
+wedges, hexahedra and general polyhedra in 3D), each boundary code as a surface of its own.
+The format follows OUT's suffix:
+  OUT.vtu         one VTK unstructured grid: a grid of one zone, or the zone of --zone K
+  OUT.vtm         a VTK multiblock file and a folder OUT/ of .vtu files, one per zone and
+                  one per boundary code
+  OUT.dat, .tec   Tecplot ASCII: a polyhedral (3D) or polygonal (2D) zone per grid zone and
+                  a polygonal zone per boundary code
+options:
+  --pix PIX         node values: density, velocity_u, velocity_v, velocity_w, pressure,
+                    variable6, then the free variables by their labels
+  --restart RST     cell values q1 .. qN; --nvar N when the file does not say N
+  --zone K          the zone written to a .vtu file
+  --ascii, --base64 VTK arrays as text or inline base64 (default: appended raw binary)
+  --strict          refuse a grid with a cell that cannot be built (default: leave such
+                    cells out and say which)
+  --faithful        the library's own Tecplot export (writetecplotfile), as hosts get it:
+                    FEPOINT zones, one file per zone (OUT.dat, OUT-zone2.dat, ...); its 3D
+                    files are not well-formed Tecplot
+  --force           replace OUT if it exists
 )";
 
 constexpr const char* samplehelp = R"(usage: zelm sample DIR
@@ -166,9 +181,10 @@ void requirefile(const std::string& path) {
 }
 
 // A grid, recognised from its bytes.
-zelm::grid loadgrid(const std::string& path, bool headeronly) {
+zelm::grid loadgrid(const std::string& path, bool headeronly, zelmtool::detection* found = nullptr) {
   requirefile(path);
   const auto d = zelmtool::detect(path);
+  if (found != nullptr) *found = d;
   if (d.kind != filekind::grid)
     die("\"" + path + "\" is not a grid file (" + zelmtool::kindname(d.kind) + ")");
   return headeronly ? zelm::readgridheader(path, d.format()) : zelm::readgrid(path, d.format());
@@ -431,26 +447,28 @@ void exportzone(const zelm::grid& g, std::size_t k, const fortran::farray<double
   }
 }
 
-int exportgrid(const args& a) {
-  if (a.positional.size() != 1) die("export takes one grid file (see zelm export --help)", 2);
-  if (!a.has("-o")) die("export needs an output file: -o OUT.dat", 2);
+// A solution file of the given kind, recognised from its bytes and checked against the grid.
+zelmtool::detection detectsolution(const std::string& path, const zelm::grid& g, filekind kind) {
+  requirefile(path);
+  const auto d = zelmtool::detect(path, &g);
+  if (d.kind != kind)
+    die("\"" + path + "\" is not a " + zelmtool::kindname(kind) + " file (" + zelmtool::kindname(d.kind) + ")");
+  if (!d.problems.empty()) die("\"" + path + "\" does not fit the grid: " + d.problems.front());
+  return d;
+}
+
+// --faithful: the library's own export, one file per zone, as hosts of writetecplotfile get it.
+int exportfaithful(const args& a, const zelm::grid& g) {
   const fs::path out = a.get("-o");
-  zelm::grid g;
-  {
-    stage s("reading " + sized(a.positional[0]));
-    g = loadgrid(a.positional[0], false);
-  }
-  if (g.ndim != 2 && g.ndim != 3)
-    die("the Tecplot export takes 2D or 3D grids; this grid has ndim " + std::to_string(g.ndim));
+  if (a.has("--restart")) die("--faithful writes node values only: leave out --restart", 2);
+  if (g.ndim == 3)
+    std::fprintf(stderr,
+                 "zelm: warning: --faithful 3D files are not well-formed Tecplot (a zone follows another without "
+                 "its header); readers lose the body surfaces\n");
   std::optional<zelm::pix> p;
   if (a.has("--pix")) {
     const std::string pixfile = a.get("--pix");
-    requirefile(pixfile);
-    const auto d = zelmtool::detect(pixfile, &g);
-    if (d.kind != filekind::pix)
-      die("\"" + pixfile + "\" is not a pix file (" + zelmtool::kindname(d.kind) + ")");
-    if (!d.problems.empty()) die("\"" + pixfile + "\" does not fit the grid: " + d.problems.front());
-    p = zelm::readpix(pixfile, d.format(), g.nodesperzone());
+    p = zelm::readpix(pixfile, detectsolution(pixfile, g, filekind::pix).format(), g.nodesperzone());
     if (!p->labels.empty())
       std::printf(
           "note: the Tecplot variables hold the six fixed variables; %zu free variable(s) are not exported\n",
@@ -476,6 +494,91 @@ int exportgrid(const args& a) {
     std::printf("wrote %s (zone %zu: %d nodes, %d cells)\n", outs[k].c_str(), k + 1, g.zones[k].nodes,
                 g.zones[k].cells);
   }
+  return 0;
+}
+
+int exportgrid(const args& a) {
+  if (a.positional.size() != 1) die("export takes one grid file (see zelm export --help)", 2);
+  if (!a.has("-o")) die("export needs an output file: -o OUT.vtu, OUT.vtm or OUT.dat", 2);
+  zelm::grid g;
+  zelmtool::detection gd;
+  {
+    stage s("reading " + sized(a.positional[0]));
+    g = loadgrid(a.positional[0], false, &gd);
+  }
+  if (g.ndim != 2 && g.ndim != 3) die("the export takes 2D or 3D grids; this grid has ndim " + std::to_string(g.ndim));
+  if (a.has("--faithful")) return exportfaithful(a, g);
+
+  const fs::path out = a.get("-o");
+  const std::string suffix = out.extension().string();
+  if (suffix != ".vtu" && suffix != ".vtm" && suffix != ".dat" && suffix != ".tec")
+    die("the output's suffix chooses the format: .vtu, .vtm, .dat or .tec (\"" + out.string() + "\")", 2);
+  int zone = 1;
+  if (suffix == ".vtu") {
+    if (a.has("--zone")) zone = std::atoi(a.get("--zone").c_str());
+    else if (g.zones.size() != 1)
+      die("the grid has " + std::to_string(g.zones.size()) + " zones and a .vtu file holds one: give --zone K or write .vtm", 2);
+    if (zone < 1 || zone > static_cast<int>(g.zones.size()))
+      die("--zone must be 1 .. " + std::to_string(g.zones.size()), 2);
+  } else if (a.has("--zone")) {
+    die("--zone chooses the zone of a .vtu file", 2);
+  }
+  zelm::exportdata data;
+  data.g = &g;
+  data.grid64 = gd.dblprec;
+  data.title = "zelm export of " + fs::path(a.positional[0]).filename().string();
+  std::optional<zelm::pix> p;
+  std::optional<zelm::restart> r;
+  if (a.has("--pix")) {
+    const auto d = detectsolution(a.get("--pix"), g, filekind::pix);
+    stage s("reading " + sized(a.get("--pix")));
+    p = zelm::readpix(a.get("--pix"), d.format(), g.nodesperzone());
+    data.p = &*p, data.pix64 = d.dblprec;
+  }
+  if (a.has("--restart")) {
+    const auto d = detectsolution(a.get("--restart"), g, filekind::restart);
+    const int nvar = a.has("--nvar") ? std::atoi(a.get("--nvar").c_str()) : d.nvar;
+    if (nvar < 0) die("the number of restart variables cannot be found from the file: give --nvar");
+    stage s("reading " + sized(a.get("--restart")));
+    r = zelm::readrestart(a.get("--restart"), d.format(), g.cellsperzone(), nvar);
+    data.r = &*r, data.restart64 = d.dblprec;
+  }
+  zelm::mesh m;
+  {
+    stage s("building cells from faces");
+    m = zelm::buildmesh(g, a.has("--strict"));
+  }
+  for (const auto& line : m.report()) std::printf("%s\n", line.c_str());
+  const auto enc = a.has("--ascii") ? zelm::vtuencoding::ascii
+                   : a.has("--base64") ? zelm::vtuencoding::base64
+                                       : zelm::vtuencoding::raw;
+  // Everything is written under temporary names in the destination folder and renamed into place.
+  const fs::path folder = out.parent_path() / out.stem();
+  std::error_code ec;
+  if (!a.has("--force") && (fs::exists(out, ec) || (suffix == ".vtm" && fs::exists(folder, ec))))
+    die("\"" + (fs::exists(out, ec) ? out : folder).string() + "\" exists: give --force to replace it");
+  const std::string tag = ".zelm-" + std::to_string(::getpid());
+  const fs::path tmp = out.parent_path() / ("." + out.filename().string() + tag);
+  const fs::path tmpfolder = out.parent_path() / ("." + out.stem().string() + tag);
+  try {
+    stage s("writing " + out.string());
+    if (suffix == ".vtu")
+      zelm::writevtu(tmp.string(), m, m.zones[static_cast<std::size_t>(zone - 1)], data, enc);
+    else if (suffix == ".vtm")
+      zelm::writevtm(tmp.string(), tmpfolder.string(), out.stem().string(), m, data, enc);
+    else
+      zelm::writetecplot(tmp.string(), m, data);
+    if (suffix == ".vtm") {
+      fs::remove_all(folder);
+      fs::rename(tmpfolder, folder);
+    }
+    fs::rename(tmp, out);
+  } catch (...) {
+    fs::remove(tmp, ec);
+    fs::remove_all(tmpfolder, ec);
+    throw;
+  }
+  std::printf("wrote %s\n", sized(out.string()).c_str());
   return 0;
 }
 
@@ -565,7 +668,11 @@ int main(int argc, char** argv) {
   const std::map<std::string, verbdef> verbs = {
       {"info", {infohelp, {"--grid", "--nvar"}, {}, info}},
       {"convert", {converthelp, {"--encoding", "--precision", "--grid", "--nvar"}, {"--force"}, convert}},
-      {"export", {exporthelp, {"-o", "--pix"}, {"--force"}, exportgrid}},
+      {"export",
+       {exporthelp,
+        {"-o", "--pix", "--restart", "--nvar", "--zone"},
+        {"--force", "--faithful", "--ascii", "--base64", "--strict"},
+        exportgrid}},
       {"sample", {samplehelp, {}, {}, sample}},
   };
   const auto it = verbs.find(verb);

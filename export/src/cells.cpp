@@ -635,6 +635,8 @@ mesh buildmesh(const grid& g, bool strict) {
   mesh m;
   m.ndim = g.ndim;
   m.cellcount = l.cells;
+  m.nodestart = l.node0;
+  m.facestart = l.face0;
   m.num = detectnumbering(g, l, m.numberingevidence);
   builder(g, l, m.num, strict, m).run();
   return m;

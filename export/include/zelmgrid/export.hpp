@@ -76,6 +76,7 @@ struct mesh {
   std::vector<std::int64_t> side1, side2;
   std::vector<int> code;  // the negative code of a boundary face, 0 otherwise
   std::int64_t cellcount = 0;  // cells of the grid
+  std::vector<std::int64_t> nodestart, facestart;  // where each zone's nodes and faces start (nzones + 1)
 
   // The lines that tell a user what was built: numbering, counts, cells left out.
   std::vector<std::string> report() const;
