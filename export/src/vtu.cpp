@@ -1,5 +1,6 @@
 // VTK XML unstructured grids (.vtu) and multiblock files (.vtm). Arrays are appended raw binary by
 // default, each preceded by its byte count as a UInt64, or inline base64 or ASCII on request.
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 
@@ -55,20 +56,30 @@ void asciivalues(outfile& out, const char* p, std::size_t bytes) {
   }
 }
 
+// Writes the DataArray elements of a piece. Appended blocks lie in the reverse of the elements'
+// order: a reader that re-bases offsets as it converts the blocks one by one (meshio does) then
+// never meets an element it has already re-based under the offset it looks for.
 class vtuwriter {
  public:
-  vtuwriter(outfile& out, vtuencoding enc) : out_(out), enc_(enc) {}
+  vtuwriter(outfile& out, vtuencoding enc, const std::vector<const array*>& all) : out_(out), enc_(enc), all_(all) {
+    std::int64_t at = 0;
+    for (auto it = all.rbegin(); it != all.rend(); ++it) {
+      offsets_.push_back(at);
+      at += 8 + (*it)->bytes();
+    }
+    std::reverse(offsets_.begin(), offsets_.end());
+  }
 
-  // The DataArray element of `a`; appended arrays are queued for the end of the file.
-  void element(const array& a, const char* indent) {
+  // The element of the next array in `all`.
+  void element(const char* indent) {
+    const array& a = *all_[next_];
     out_.put(std::string(indent) + "<DataArray type=\"" + a.vtkname() + "\" Name=\"" + detail::xmlescape(a.name) + "\"");
     if (a.components != 1) out_.put(" NumberOfComponents=\"" + std::to_string(a.components) + "\"");
     if (enc_ == vtuencoding::raw) {
-      out_.put(" format=\"appended\" offset=\"" + std::to_string(offset_) + "\"/>\n");
-      offset_ += 8 + a.bytes();
-      appended_.push_back(&a);
+      out_.put(" format=\"appended\" offset=\"" + std::to_string(offsets_[next_++]) + "\"/>\n");
       return;
     }
+    ++next_;
     out_.put(enc_ == vtuencoding::base64 ? " format=\"binary\">\n" : " format=\"ascii\">\n");
     const auto [p, n] = bytesof(a, scratch_);
     if (enc_ == vtuencoding::base64) {
@@ -91,8 +102,8 @@ class vtuwriter {
   void finish() {
     if (enc_ == vtuencoding::raw) {
       out_.put("  <AppendedData encoding=\"raw\">\n   _");
-      for (const array* a : appended_) {
-        const auto [p, n] = bytesof(*a, scratch_);
+      for (auto it = all_.rbegin(); it != all_.rend(); ++it) {
+        const auto [p, n] = bytesof(**it, scratch_);
         const std::uint64_t size = n;
         out_.write(&size, 8);
         out_.write(p, n);
@@ -106,8 +117,9 @@ class vtuwriter {
  private:
   outfile& out_;
   vtuencoding enc_;
-  std::int64_t offset_ = 0;
-  std::vector<const array*> appended_;
+  const std::vector<const array*>& all_;
+  std::vector<std::int64_t> offsets_;
+  std::size_t next_ = 0;
   std::vector<char> scratch_;
 };
 
@@ -165,15 +177,20 @@ void writevtu(const std::string& file, const mesh& m, const piece& pc, const exp
     cells.push_back(
         direct("faceoffsets", array::int64, pc.faceoffsets.data(), static_cast<std::int64_t>(pc.faceoffsets.size())));
   }
-  vtuwriter w(out, enc);
+  std::vector<const array*> all;
+  for (const auto& a : data.points) all.push_back(&a);
+  for (const auto& a : data.cells) all.push_back(&a);
+  all.push_back(&points);
+  for (const auto& a : cells) all.push_back(&a);
+  vtuwriter w(out, enc, all);
   out.put("      <PointData>\n");
-  for (const auto& a : data.points) w.element(a, "        ");
+  for (std::size_t i = 0; i < data.points.size(); ++i) w.element("        ");
   out.put("      </PointData>\n      <CellData>\n");
-  for (const auto& a : data.cells) w.element(a, "        ");
+  for (std::size_t i = 0; i < data.cells.size(); ++i) w.element("        ");
   out.put("      </CellData>\n      <Points>\n");
-  w.element(points, "        ");
+  w.element("        ");
   out.put("      </Points>\n      <Cells>\n");
-  for (const auto& a : cells) w.element(a, "        ");
+  for (std::size_t i = 0; i < cells.size(); ++i) w.element("        ");
   out.put("      </Cells>\n    </Piece>\n  </UnstructuredGrid>\n");
   w.finish();
   out.close();

@@ -165,7 +165,7 @@ def test_export_of_the_samples_loads_in_vtk(tmp_path, sample):
     examples = os.path.join(os.environ.get("ZELM_SOURCE_DIR", "."), "examples")
     out = str(tmp_path / (sample + ".dat"))
     run("--quiet", "export", os.path.join(examples, sample + "-grid.unf"), "--pix",
-        os.path.join(examples, sample + "-pix.txt"), "-o", out, check=0)
+        os.path.join(examples, sample + "-pix.txt"), "-o", out, "--faithful", check=0)
     import vtk
 
     r = vtk.vtkTecplotReader()
@@ -191,6 +191,8 @@ def test_export_refuses_to_overwrite_and_leaves_nothing_half_written(tmp_path):
     examples = os.path.join(os.environ.get("ZELM_SOURCE_DIR", "."), "examples")
     out = tmp_path / "e.dat"
     out.write_text("keep")
+    p = run("export", os.path.join(examples, "flow3d-grid.unf"), "-o", str(out), "--faithful")
+    assert p.returncode == 1 and "--force" in p.stderr and out.read_text() == "keep"
     p = run("export", os.path.join(examples, "flow3d-grid.unf"), "-o", str(out))
     assert p.returncode == 1 and "--force" in p.stderr and out.read_text() == "keep"
     p = run("export", os.path.join(examples, "flow3d-grid.unf"), "--pix",
