@@ -117,13 +117,16 @@ const shape hexahedron{vtk_hexahedron,
                        8,
                        {{0, 4, 7, 3}, {1, 2, 6, 5}, {0, 1, 5, 4}, {3, 7, 6, 2}, {0, 3, 2, 1}, {4, 5, 6, 7}}};
 
-// A face as a cyclic node sequence, written from its smallest node in the direction of the smaller
-// neighbour, so that the same polygon compares equal whatever its start and direction.
-std::vector<std::int64_t> canonical(std::vector<std::int64_t> f) {
-  const auto m = std::min_element(f.begin(), f.end()) - f.begin();
-  std::rotate(f.begin(), f.begin() + m, f.end());
-  if (f.size() > 2 && f.back() < f[1]) std::reverse(f.begin() + 1, f.end());
-  return f;
+// A face of at most four nodes as a cyclic sequence written from its smallest node in the direction
+// of the smaller neighbour, padded with -1: the same polygon compares equal whatever its start and
+// direction.
+using smallface = std::array<std::int64_t, 4>;
+smallface canonical(const std::int64_t* f, std::size_t n) {
+  smallface c{-1, -1, -1, -1};
+  const std::size_t m = static_cast<std::size_t>(std::min_element(f, f + n) - f);
+  const bool back = n > 2 && f[(m + n - 1) % n] < f[(m + 1) % n];
+  for (std::size_t i = 0; i < n; ++i) c[i] = f[(m + (back ? n - i : i)) % n];
+  return c;
 }
 
 // Builds the cells of one grid; one instance holds the reusable work space of a cell.
@@ -172,6 +175,7 @@ class builder {
   std::vector<std::uint8_t> cside_, cflip_;
   std::vector<halfedge> edges_;
   std::vector<std::int32_t> adjstart_, adj_, queue_;
+  std::vector<std::uint8_t> seen_;
   std::vector<std::int64_t> cnodes_;
   std::vector<std::pair<std::int64_t, std::int32_t>> ends_;  // (node, edge) of a polygon
   // What the cell becomes.
@@ -380,7 +384,8 @@ bool builder::buildsolid(std::string& why) {
   std::partial_sum(adjstart_.begin(), adjstart_.end(), adjstart_.begin());
   adj_.assign(edges_.size(), 0);  // neighbour * 2 + (1 when both walk the shared edge alike)
   {
-    std::vector<std::int32_t> fill(adjstart_.begin(), adjstart_.end() - 1);
+    std::vector<std::int32_t>& fill = queue_;
+    fill.assign(adjstart_.begin(), adjstart_.end() - 1);
     for (std::size_t i = 0; i < edges_.size(); i += 2) {
       const int same = edges_[i].forward == edges_[i + 1].forward;
       adj_[static_cast<std::size_t>(fill[static_cast<std::size_t>(edges_[i].face)]++)] = edges_[i + 1].face * 2 + same;
@@ -388,7 +393,8 @@ bool builder::buildsolid(std::string& why) {
     }
   }
   // Spread one orientation from face 0 across shared edges.
-  std::vector<std::uint8_t> seen(nf, 0);
+  std::vector<std::uint8_t>& seen = seen_;
+  seen.assign(nf, 0);
   queue_.assign(1, 0);
   seen[0] = 1;
   for (std::size_t q = 0; q < queue_.size(); ++q) {
@@ -503,17 +509,17 @@ bool builder::buildsolid(std::string& why) {
 // Whether the points in VTK's order make exactly the cell's faces.
 bool builder::matches(const shape& s, const std::array<std::int64_t, 8>& p) const {
   if (std::find(p.begin(), p.begin() + s.points, std::int64_t{-1}) != p.begin() + s.points) return false;
-  std::vector<std::vector<std::int64_t>> want, have;
-  for (const auto& f : s.faces) {
-    std::vector<std::int64_t> v;
-    for (int i : f) v.push_back(p[static_cast<std::size_t>(i)]);
-    want.push_back(canonical(v));
+  std::array<smallface, 6> want, have;
+  const std::size_t nf = s.faces.size();
+  for (std::size_t i = 0; i < nf; ++i) {
+    std::int64_t v[4];
+    for (std::size_t j = 0; j < s.faces[i].size(); ++j) v[j] = p[static_cast<std::size_t>(s.faces[i][j])];
+    want[i] = canonical(v, s.faces[i].size());
+    have[i] = canonical(&cfaces_[static_cast<std::size_t>(cstart_[i])], static_cast<std::size_t>(cstart_[i + 1] - cstart_[i]));
   }
-  for (std::size_t i = 0; i + 1 < cstart_.size(); ++i)
-    have.push_back(canonical({cfaces_.begin() + cstart_[i], cfaces_.begin() + cstart_[i + 1]}));
-  std::sort(want.begin(), want.end());
-  std::sort(have.begin(), have.end());
-  return want == have;
+  std::sort(want.begin(), want.begin() + static_cast<std::ptrdiff_t>(nf));
+  std::sort(have.begin(), have.begin() + static_cast<std::ptrdiff_t>(nf));
+  return std::equal(want.begin(), want.begin() + static_cast<std::ptrdiff_t>(nf), have.begin());
 }
 
 std::int64_t builder::point(piece& pc, std::int64_t v) {
