@@ -12,6 +12,8 @@ import sys
 
 import vtk
 
+from render import savepng
+
 
 def main(argv):
     field = "pressure"
@@ -119,13 +121,7 @@ def main(argv):
     window.AddRenderer(side)
     window.Render()
 
-    image = vtk.vtkWindowToImageFilter()
-    image.SetInput(window)
-    image.Update()
-    writer = vtk.vtkPNGWriter()
-    writer.SetFileName(out)
-    writer.SetInputConnection(image.GetOutputPort())
-    writer.Write()
+    savepng(window, out)
     print("rendered %s (%d cells, %d boundary faces, coloured by %s)" %
           (out, zones.GetOutput().GetNumberOfCells(), patches.GetOutput().GetNumberOfCells(), field))
 

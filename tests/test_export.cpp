@@ -54,8 +54,8 @@ zelm::grid makegrid(int ndim, const std::vector<zonespec>& zones, bool flip = fa
       for (auto& n : f.nodes) n += across ? node0 : 0;
     int mfpc = 0;
     for (const auto& c : z.cells) mfpc = std::max(mfpc, static_cast<int>(c.size()));
-    g.zones.push_back({static_cast<int>(z.points.size()), static_cast<int>(fs.size()), static_cast<int>(z.cells.size()),
-                       width, mfpc});
+    g.zones.push_back({static_cast<int>(z.points.size()), static_cast<int>(fs.size()),
+                       static_cast<int>(z.cells.size()), width, mfpc});
     faces.push_back(fs);
     node0 += static_cast<int>(z.points.size());
     cell0 += static_cast<int>(z.cells.size());
@@ -85,7 +85,8 @@ pt sub(pt a, pt b) {
   return {a[0] - b[0], a[1] - b[1], a[2] - b[2]};
 }
 double triple(pt a, pt b, pt c) {
-  return a[0] * (b[1] * c[2] - b[2] * c[1]) - a[1] * (b[0] * c[2] - b[2] * c[0]) + a[2] * (b[0] * c[1] - b[1] * c[0]);
+  return a[0] * (b[1] * c[2] - b[2] * c[1]) - a[1] * (b[0] * c[2] - b[2] * c[0]) +
+         a[2] * (b[0] * c[1] - b[1] * c[0]);
 }
 
 // The point of a piece as coordinates.
@@ -94,11 +95,19 @@ pt at(const zelm::grid& g, const zelm::piece& pc, std::int64_t i) {
   return {g.x(1, n), g.x(2, n), g.ndim == 3 ? g.x(3, n) : 0.0};
 }
 
+// The triple product of the edges from point c[0] of the cell to its points c[a], c[b], c[d].
+double turn(const zelm::grid& g, const zelm::piece& pc, const std::vector<std::int64_t>& c, std::size_t a,
+            std::size_t b, std::size_t d) {
+  const pt o = at(g, pc, c[0]);
+  return triple(sub(at(g, pc, c[a]), o), sub(at(g, pc, c[b]), o), sub(at(g, pc, c[d]), o));
+}
+
 std::vector<std::int64_t> cell0(const zelm::piece& pc) {
   return {pc.connectivity.begin(), pc.connectivity.begin() + pc.offsets[0]};
 }
 
-const zonespec tet{{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}}, {{{1, 2, 3}, {1, 2, 4}, {2, 3, 4}, {3, 1, 4}}}};
+const zonespec tet{{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}},
+                   {{{1, 2, 3}, {1, 2, 4}, {2, 3, 4}, {3, 1, 4}}}};
 const zonespec pyramid{{{0, 0, 0}, {2, 0, 0}, {2, 2, 0}, {0, 2, 0}, {1, 1, 3}},
                        {{{1, 2, 3, 4}, {1, 2, 5}, {2, 3, 5}, {3, 4, 5}, {4, 1, 5}}}};
 const zonespec wedge{{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 2}, {1, 0, 2}, {0, 1, 2}},
@@ -114,9 +123,7 @@ TEST_P(shapes, TetrahedronInVtkOrderWithPositiveVolume) {
   ASSERT_EQ(m.zones[0].types, std::vector<std::uint8_t>{zelm::vtk_tetra});
   const auto c = cell0(m.zones[0]);
   const auto& pc = m.zones[0];
-  EXPECT_NEAR(triple(sub(at(g, pc, c[1]), at(g, pc, c[0])), sub(at(g, pc, c[2]), at(g, pc, c[0])),
-                     sub(at(g, pc, c[3]), at(g, pc, c[0]))),
-              1.0, 1e-12);
+  EXPECT_NEAR(turn(g, pc, c, 1, 2, 3), 1.0, 1e-12);
 }
 
 TEST_P(shapes, PyramidBaseTurnsToItsApex) {
@@ -126,9 +133,7 @@ TEST_P(shapes, PyramidBaseTurnsToItsApex) {
   const auto c = cell0(m.zones[0]);
   const auto& pc = m.zones[0];
   EXPECT_EQ(at(g, pc, c[4]), (pt{1, 1, 3}));
-  EXPECT_GT(triple(sub(at(g, pc, c[1]), at(g, pc, c[0])), sub(at(g, pc, c[3]), at(g, pc, c[0])),
-                   sub(at(g, pc, c[4]), at(g, pc, c[0]))),
-            0);
+  EXPECT_GT(turn(g, pc, c, 1, 3, 4), 0);
 }
 
 TEST_P(shapes, WedgeFirstTriangleFacesAwayFromTheSecond) {
@@ -137,11 +142,10 @@ TEST_P(shapes, WedgeFirstTriangleFacesAwayFromTheSecond) {
   ASSERT_EQ(m.zones[0].types, std::vector<std::uint8_t>{zelm::vtk_wedge});
   const auto c = cell0(m.zones[0]);
   const auto& pc = m.zones[0];
-  EXPECT_LT(triple(sub(at(g, pc, c[1]), at(g, pc, c[0])), sub(at(g, pc, c[2]), at(g, pc, c[0])),
-                   sub(at(g, pc, c[3]), at(g, pc, c[0]))),
-            0);
+  EXPECT_LT(turn(g, pc, c, 1, 2, 3), 0);
   for (int i = 0; i < 3; ++i) {  // 0-3, 1-4, 2-5 are the edges between the triangles
-    const pt d = sub(at(g, pc, c[static_cast<std::size_t>(i + 3)]), at(g, pc, c[static_cast<std::size_t>(i)]));
+    const pt d =
+        sub(at(g, pc, c[static_cast<std::size_t>(i + 3)]), at(g, pc, c[static_cast<std::size_t>(i)]));
     EXPECT_EQ(d, (pt{0, 0, d[2]}));
   }
 }
@@ -152,11 +156,10 @@ TEST_P(shapes, HexahedronBottomTurnsToItsTop) {
   ASSERT_EQ(m.zones[0].types, std::vector<std::uint8_t>{zelm::vtk_hexahedron});
   const auto c = cell0(m.zones[0]);
   const auto& pc = m.zones[0];
-  EXPECT_NEAR(triple(sub(at(g, pc, c[1]), at(g, pc, c[0])), sub(at(g, pc, c[3]), at(g, pc, c[0])),
-                     sub(at(g, pc, c[4]), at(g, pc, c[0]))),
-              1.0, 1e-12);
+  EXPECT_NEAR(turn(g, pc, c, 1, 3, 4), 1.0, 1e-12);
   for (int i = 0; i < 4; ++i) {
-    const pt d = sub(at(g, pc, c[static_cast<std::size_t>(i + 4)]), at(g, pc, c[static_cast<std::size_t>(i)]));
+    const pt d =
+        sub(at(g, pc, c[static_cast<std::size_t>(i + 4)]), at(g, pc, c[static_cast<std::size_t>(i)]));
     EXPECT_EQ(d, (pt{0, 0, 1}));
   }
 }
@@ -197,7 +200,8 @@ TEST(export, AnyOtherClosedCellIsAPolyhedronWithOutwardFaces) {
   for (int f = 0; f < 7; ++f) {
     const auto n = static_cast<std::size_t>(pc.faces[i]);
     for (std::size_t j = 1; j + 1 < n; ++j)
-      volume += triple(at(g, pc, pc.faces[i + 1]), at(g, pc, pc.faces[i + 1 + j]), at(g, pc, pc.faces[i + 2 + j]));
+      volume +=
+          triple(at(g, pc, pc.faces[i + 1]), at(g, pc, pc.faces[i + 1 + j]), at(g, pc, pc.faces[i + 2 + j]));
     i += n + 1;
   }
   EXPECT_NEAR(volume / 6, 1.0, 1e-12);

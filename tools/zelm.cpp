@@ -452,7 +452,8 @@ zelmtool::detection detectsolution(const std::string& path, const zelm::grid& g,
   requirefile(path);
   const auto d = zelmtool::detect(path, &g);
   if (d.kind != kind)
-    die("\"" + path + "\" is not a " + zelmtool::kindname(kind) + " file (" + zelmtool::kindname(d.kind) + ")");
+    die("\"" + path + "\" is not a " + zelmtool::kindname(kind) + " file (" + zelmtool::kindname(d.kind) +
+        ")");
   if (!d.problems.empty()) die("\"" + path + "\" does not fit the grid: " + d.problems.front());
   return d;
 }
@@ -462,9 +463,10 @@ int exportfaithful(const args& a, const zelm::grid& g) {
   const fs::path out = a.get("-o");
   if (a.has("--restart")) die("--faithful writes node values only: leave out --restart", 2);
   if (g.ndim == 3)
-    std::fprintf(stderr,
-                 "zelm: warning: --faithful 3D files are not well-formed Tecplot (a zone follows another without "
-                 "its header); readers lose the body surfaces\n");
+    std::fprintf(
+        stderr,
+        "zelm: warning: --faithful 3D files are not well-formed Tecplot (a zone follows another without "
+        "its header); readers lose the body surfaces\n");
   std::optional<zelm::pix> p;
   if (a.has("--pix")) {
     const std::string pixfile = a.get("--pix");
@@ -506,7 +508,8 @@ int exportgrid(const args& a) {
     stage s("reading " + sized(a.positional[0]));
     g = loadgrid(a.positional[0], false, &gd);
   }
-  if (g.ndim != 2 && g.ndim != 3) die("the export takes 2D or 3D grids; this grid has ndim " + std::to_string(g.ndim));
+  if (g.ndim != 2 && g.ndim != 3)
+    die("the export takes 2D or 3D grids; this grid has ndim " + std::to_string(g.ndim));
   if (a.has("--faithful")) return exportfaithful(a, g);
 
   const fs::path out = a.get("-o");
@@ -515,9 +518,12 @@ int exportgrid(const args& a) {
     die("the output's suffix chooses the format: .vtu, .vtm, .dat or .tec (\"" + out.string() + "\")", 2);
   int zone = 1;
   if (suffix == ".vtu") {
-    if (a.has("--zone")) zone = std::atoi(a.get("--zone").c_str());
+    if (a.has("--zone"))
+      zone = std::atoi(a.get("--zone").c_str());
     else if (g.zones.size() != 1)
-      die("the grid has " + std::to_string(g.zones.size()) + " zones and a .vtu file holds one: give --zone K or write .vtm", 2);
+      die("the grid has " + std::to_string(g.zones.size()) +
+              " zones and a .vtu file holds one: give --zone K or write .vtm",
+          2);
     if (zone < 1 || zone > static_cast<int>(g.zones.size()))
       die("--zone must be 1 .. " + std::to_string(g.zones.size()), 2);
   } else if (a.has("--zone")) {
@@ -549,7 +555,7 @@ int exportgrid(const args& a) {
     m = zelm::buildmesh(g, a.has("--strict"));
   }
   for (const auto& line : m.report()) std::printf("%s\n", line.c_str());
-  const auto enc = a.has("--ascii") ? zelm::vtuencoding::ascii
+  const auto enc = a.has("--ascii")    ? zelm::vtuencoding::ascii
                    : a.has("--base64") ? zelm::vtuencoding::base64
                                        : zelm::vtuencoding::raw;
   // Everything is written under temporary names in the destination folder and renamed into place.

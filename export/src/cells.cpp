@@ -86,8 +86,9 @@ numbering detectnumbering(const grid& g, const layout& l, std::string& evidence)
     }
   }
   const numbering n = across > within ? numbering::acrossgrid : numbering::withinzone;
-  evidence = "of " + str(refs) + " node and cell numbers in the faces of zones 2.." + std::to_string(g.zones.size()) +
-             ", " + str(within) + " fit numbering within each zone and " + str(across) + " numbering across the grid";
+  evidence = "of " + str(refs) + " node and cell numbers in the faces of zones 2.." +
+             std::to_string(g.zones.size()) + ", " + str(within) + " fit numbering within each zone and " +
+             str(across) + " numbering across the grid";
   return n;
 }
 
@@ -113,9 +114,8 @@ struct shape {
 const shape tetra{vtk_tetra, 4, {{0, 1, 3}, {1, 2, 3}, {2, 0, 3}, {0, 2, 1}}};
 const shape pyramid{vtk_pyramid, 5, {{0, 3, 2, 1}, {0, 1, 4}, {1, 2, 4}, {2, 3, 4}, {3, 0, 4}}};
 const shape wedge{vtk_wedge, 6, {{0, 1, 2}, {3, 5, 4}, {0, 3, 4, 1}, {1, 4, 5, 2}, {2, 5, 3, 0}}};
-const shape hexahedron{vtk_hexahedron,
-                       8,
-                       {{0, 4, 7, 3}, {1, 2, 6, 5}, {0, 1, 5, 4}, {3, 7, 6, 2}, {0, 3, 2, 1}, {4, 5, 6, 7}}};
+const shape hexahedron{
+    vtk_hexahedron, 8, {{0, 4, 7, 3}, {1, 2, 6, 5}, {0, 1, 5, 4}, {3, 7, 6, 2}, {0, 3, 2, 1}, {4, 5, 6, 7}}};
 
 // A face of at most four nodes as a cyclic sequence written from its smallest node in the direction
 // of the smaller neighbour, padded with -1: the same polygon compares equal whatever its start and
@@ -166,8 +166,8 @@ class builder {
   std::int64_t width_;
 
   std::vector<std::int64_t> facestart_, faceentry_;  // cell -> its faces (face * 2 + side)
-  std::vector<std::uint8_t> facebad_;                 // a face with a node that does not exist
-  std::vector<std::int64_t> local_;                   // grid node -> point of the current piece
+  std::vector<std::uint8_t> facebad_;                // a face with a node that does not exist
+  std::vector<std::int64_t> local_;                  // grid node -> point of the current piece
 
   // The cell being built: its faces oriented by the side they name it on, then outward.
   std::vector<std::int64_t> cfaces_, cstart_;  // nodes (grid numbers), start of each face
@@ -213,12 +213,13 @@ void builder::resolvefaces() {
       facebad_[static_cast<std::size_t>(f)] = bad;
       for (int s = 0; s < 2; ++s) {
         const std::int64_t c = g_.ifcell.data()[f * 2 + s];
-        if (c < 0 && m_.code[static_cast<std::size_t>(f)] == 0) m_.code[static_cast<std::size_t>(f)] = static_cast<int>(c);
+        if (c < 0 && m_.code[static_cast<std::size_t>(f)] == 0)
+          m_.code[static_cast<std::size_t>(f)] = static_cast<int>(c);
         if (c <= 0) continue;
         if (c > cellcount) {
           if (outofrange++ == 0)
-            firstoutofrange = "zone " + std::to_string(k + 1) + " face " + str(f - l_.face0[k] + 1) + " names cell " +
-                              str(c) + " of " + str(cellcount);
+            firstoutofrange = "zone " + std::to_string(k + 1) + " face " + str(f - l_.face0[k] + 1) +
+                              " names cell " + str(c) + " of " + str(cellcount);
           continue;
         }
         (s == 0 ? m_.side1 : m_.side2)[static_cast<std::size_t>(f)] = cellbase + c - 1;
@@ -228,22 +229,25 @@ void builder::resolvefaces() {
   }
   if (outofrange > 0) {
     if (strict_) throw error("a face names a cell that does not exist: " + firstoutofrange);
-    m_.notes.push_back(str(outofrange) + " face side(s) name a cell that does not exist (first: " + firstoutofrange +
-                       "); those sides are left without a cell");
+    m_.notes.push_back(str(outofrange) + " face side(s) name a cell that does not exist (first: " +
+                       firstoutofrange + "); those sides are left without a cell");
   }
   std::partial_sum(facestart_.begin(), facestart_.end(), facestart_.begin());
   faceentry_.assign(static_cast<std::size_t>(facestart_.back()), 0);
   std::vector<std::int64_t> fill(facestart_.begin(), facestart_.end() - 1);
   for (std::int64_t f = 0; f < nf; ++f) {
-    const std::int64_t sides[2] = {m_.side1[static_cast<std::size_t>(f)], m_.side2[static_cast<std::size_t>(f)]};
+    const std::int64_t sides[2] = {m_.side1[static_cast<std::size_t>(f)],
+                                   m_.side2[static_cast<std::size_t>(f)]};
     for (int s = 0; s < 2; ++s)
-      if (sides[s] >= 0) faceentry_[static_cast<std::size_t>(fill[static_cast<std::size_t>(sides[s])]++)] = f * 2 + s;
+      if (sides[s] >= 0)
+        faceentry_[static_cast<std::size_t>(fill[static_cast<std::size_t>(sides[s])]++)] = f * 2 + s;
   }
 }
 
 void builder::leaveout(std::int64_t cell, const std::string& why) {
   const int k = l_.zoneofcell(cell);
-  const std::int64_t number = num_ == numbering::withinzone ? cell - l_.cell0[static_cast<std::size_t>(k)] + 1 : cell + 1;
+  const std::int64_t number =
+      num_ == numbering::withinzone ? cell - l_.cell0[static_cast<std::size_t>(k)] + 1 : cell + 1;
   if (strict_)
     throw error("zone " + std::to_string(k + 1) + " cell " + str(number) + " cannot be exported: " + why);
   ++m_.leftout;
@@ -254,7 +258,8 @@ void builder::leaveout(std::int64_t cell, const std::string& why) {
 // stored, side 2 reversed), then builds a polygon (2D) or a solid (3D).
 bool builder::buildcell(std::int64_t cell, std::string& why) {
   cfaces_.clear(), cstart_.clear(), cface_.clear(), cside_.clear();
-  const std::int64_t b = facestart_[static_cast<std::size_t>(cell)], e = facestart_[static_cast<std::size_t>(cell + 1)];
+  const std::int64_t b = facestart_[static_cast<std::size_t>(cell)],
+                     e = facestart_[static_cast<std::size_t>(cell + 1)];
   const std::int64_t minfaces = g_.ndim == 2 ? 3 : 4;
   if (e - b < minfaces) {
     why = e == b ? "no face names it" : "only " + str(e - b) + " face(s) name it: it is open";
@@ -310,7 +315,8 @@ bool builder::buildpolygon(std::string& why) {
   }
   // Walk the loop from edge 0: at each node the other edge ending there leads on.
   const auto other = [&](std::int64_t node, std::int32_t edge) {
-    const auto it = std::lower_bound(ends_.begin(), ends_.end(), std::pair<std::int64_t, std::int32_t>{node, -1});
+    const auto it =
+        std::lower_bound(ends_.begin(), ends_.end(), std::pair<std::int64_t, std::int32_t>{node, -1});
     return it->second == edge ? (it + 1)->second : it->second;
   };
   std::vector<std::uint8_t>& reversed = cflip_;  // walked against its first orientation
@@ -332,7 +338,8 @@ bool builder::buildpolygon(std::string& why) {
   for (std::size_t i = 0; i < cconn_.size(); ++i) {
     const std::int64_t a = cconn_[i], c = cconn_[(i + 1) % cconn_.size()];
     area += coord(g_, a, 0) * coord(g_, c, 1) - coord(g_, c, 0) * coord(g_, a, 1);
-    for (int d = 0; d < 2; ++d) lo[d] = std::min(lo[d], coord(g_, a, d)), hi[d] = std::max(hi[d], coord(g_, a, d));
+    for (int d = 0; d < 2; ++d)
+      lo[d] = std::min(lo[d], coord(g_, a, d)), hi[d] = std::max(hi[d], coord(g_, a, d));
   }
   const double size = std::max(hi[0] - lo[0], hi[1] - lo[1]);
   if (!(std::abs(area) > 1e-12 * size * size)) {
@@ -371,11 +378,15 @@ bool builder::buildsolid(std::string& why) {
   });
   adjstart_.assign(nf + 1, 0);
   for (std::size_t i = 0; i < edges_.size(); i += 2) {
-    const bool pair = i + 1 < edges_.size() && edges_[i + 1].lo == edges_[i].lo && edges_[i + 1].hi == edges_[i].hi;
-    const bool more = pair && i + 2 < edges_.size() && edges_[i + 2].lo == edges_[i].lo && edges_[i + 2].hi == edges_[i].hi;
+    const bool pair =
+        i + 1 < edges_.size() && edges_[i + 1].lo == edges_[i].lo && edges_[i + 1].hi == edges_[i].hi;
+    const bool more =
+        pair && i + 2 < edges_.size() && edges_[i + 2].lo == edges_[i].lo && edges_[i + 2].hi == edges_[i].hi;
     if (!pair || more || edges_[i].face == edges_[i + 1].face) {
       why = "it is open: edge " + nodename(edges_[i].lo) + "-" + nodename(edges_[i].hi) + " bounds " +
-            (!pair ? "one face" : more ? "more than two faces" : "one face twice");
+            (!pair  ? "one face"
+             : more ? "more than two faces"
+                    : "one face twice");
       return false;
     }
     ++adjstart_[static_cast<std::size_t>(edges_[i].face) + 1];
@@ -388,8 +399,10 @@ bool builder::buildsolid(std::string& why) {
     fill.assign(adjstart_.begin(), adjstart_.end() - 1);
     for (std::size_t i = 0; i < edges_.size(); i += 2) {
       const int same = edges_[i].forward == edges_[i + 1].forward;
-      adj_[static_cast<std::size_t>(fill[static_cast<std::size_t>(edges_[i].face)]++)] = edges_[i + 1].face * 2 + same;
-      adj_[static_cast<std::size_t>(fill[static_cast<std::size_t>(edges_[i + 1].face)]++)] = edges_[i].face * 2 + same;
+      adj_[static_cast<std::size_t>(fill[static_cast<std::size_t>(edges_[i].face)]++)] =
+          edges_[i + 1].face * 2 + same;
+      adj_[static_cast<std::size_t>(fill[static_cast<std::size_t>(edges_[i + 1].face)]++)] =
+          edges_[i].face * 2 + same;
     }
   }
   // Spread one orientation from face 0 across shared edges.
@@ -399,9 +412,11 @@ bool builder::buildsolid(std::string& why) {
   seen[0] = 1;
   for (std::size_t q = 0; q < queue_.size(); ++q) {
     const std::int32_t i = queue_[q];
-    for (std::int32_t k = adjstart_[static_cast<std::size_t>(i)]; k < adjstart_[static_cast<std::size_t>(i) + 1]; ++k) {
+    for (std::int32_t k = adjstart_[static_cast<std::size_t>(i)];
+         k < adjstart_[static_cast<std::size_t>(i) + 1]; ++k) {
       const std::int32_t j = adj_[static_cast<std::size_t>(k)] / 2;
-      const std::uint8_t flip = cflip_[static_cast<std::size_t>(i)] ^ static_cast<std::uint8_t>(adj_[static_cast<std::size_t>(k)] % 2);
+      const std::uint8_t flip = cflip_[static_cast<std::size_t>(i)] ^
+                                static_cast<std::uint8_t>(adj_[static_cast<std::size_t>(k)] % 2);
       if (!seen[static_cast<std::size_t>(j)]) {
         seen[static_cast<std::size_t>(j)] = 1;
         cflip_[static_cast<std::size_t>(j)] = flip;
@@ -432,7 +447,8 @@ bool builder::buildsolid(std::string& why) {
     }
     double v = 0;
     for (std::int64_t j = 0; j < n; ++j) {
-      const std::int64_t a = cfaces_[static_cast<std::size_t>(b + j)], c = cfaces_[static_cast<std::size_t>(b + (j + 1) % n)];
+      const std::int64_t a = cfaces_[static_cast<std::size_t>(b + j)],
+                         c = cfaces_[static_cast<std::size_t>(b + (j + 1) % n)];
       const vec3 pa{coord(g_, a, 0), coord(g_, a, 1), coord(g_, a, 2)};
       const vec3 pc{coord(g_, c, 0), coord(g_, c, 1), coord(g_, c, 2)};
       v += dot(pa - ref, cross(pc - ref, centre - ref));
@@ -489,11 +505,13 @@ bool builder::buildsolid(std::string& why) {
     s = &pyramid;
   } else if (nf == 5 && tris == 2 && quads == 3 && cnodes_.size() == 6) {
     p = {face(first, 0), face(first, 1), face(first, 2)};
-    for (int j = 0; j < 3; ++j) p[static_cast<std::size_t>(j + 3)] = across(p[static_cast<std::size_t>(j)], first);
+    for (int j = 0; j < 3; ++j)
+      p[static_cast<std::size_t>(j + 3)] = across(p[static_cast<std::size_t>(j)], first);
     s = &wedge;
   } else if (nf == 6 && quads == 6 && cnodes_.size() == 8) {
     p = {face(first, 0), face(first, 3), face(first, 2), face(first, 1)};
-    for (int j = 0; j < 4; ++j) p[static_cast<std::size_t>(j + 4)] = across(p[static_cast<std::size_t>(j)], first);
+    for (int j = 0; j < 4; ++j)
+      p[static_cast<std::size_t>(j + 4)] = across(p[static_cast<std::size_t>(j)], first);
     s = &hexahedron;
   }
   if (s != nullptr && matches(*s, p)) {
@@ -515,7 +533,8 @@ bool builder::matches(const shape& s, const std::array<std::int64_t, 8>& p) cons
     std::int64_t v[4];
     for (std::size_t j = 0; j < s.faces[i].size(); ++j) v[j] = p[static_cast<std::size_t>(s.faces[i][j])];
     want[i] = canonical(v, s.faces[i].size());
-    have[i] = canonical(&cfaces_[static_cast<std::size_t>(cstart_[i])], static_cast<std::size_t>(cstart_[i + 1] - cstart_[i]));
+    have[i] = canonical(&cfaces_[static_cast<std::size_t>(cstart_[i])],
+                        static_cast<std::size_t>(cstart_[i + 1] - cstart_[i]));
   }
   std::sort(want.begin(), want.begin() + static_cast<std::ptrdiff_t>(nf));
   std::sort(have.begin(), have.begin() + static_cast<std::ptrdiff_t>(nf));
@@ -547,7 +566,8 @@ void builder::emit(piece& pc, std::int64_t cell) {
     pc.faces.push_back(static_cast<std::int64_t>(cface_.size()));
     for (std::size_t i = 0; i + 1 < cstart_.size(); ++i) {
       pc.faces.push_back(cstart_[i + 1] - cstart_[i]);
-      for (std::int64_t j = cstart_[i]; j < cstart_[i + 1]; ++j) pc.faces.push_back(point(pc, cfaces_[static_cast<std::size_t>(j)]));
+      for (std::int64_t j = cstart_[i]; j < cstart_[i + 1]; ++j)
+        pc.faces.push_back(point(pc, cfaces_[static_cast<std::size_t>(j)]));
     }
     pc.faceoffsets.push_back(static_cast<std::int64_t>(pc.faces.size()));
   } else if (!pc.faceoffsets.empty()) {
@@ -557,7 +577,8 @@ void builder::emit(piece& pc, std::int64_t cell) {
   for (std::size_t i = 0; i < cface_.size(); ++i) {
     const int s = cside_[i];
     const bool storedout = (s == 0) != (cflip_[i] != 0);
-    m_.outward[static_cast<std::size_t>(cface_[i])] |= static_cast<std::uint8_t>((storedout ? 1 : 0) << s | 4 << s);
+    m_.outward[static_cast<std::size_t>(cface_[i])] |=
+        static_cast<std::uint8_t>((storedout ? 1 : 0) << s | 4 << s);
   }
 }
 
@@ -619,7 +640,8 @@ void builder::buildboundaries() {
       const int s = m_.side1[static_cast<std::size_t>(f)] >= 0 ? 0 : 1;
       const std::uint8_t o = m_.outward[static_cast<std::size_t>(f)];
       const bool reverse = (o >> (2 + s) & 1) && !(o >> s & 1);
-      const std::int64_t base = num_ == numbering::withinzone ? l_.node0[static_cast<std::size_t>(zoneofface(f))] : 0;
+      const std::int64_t base =
+          num_ == numbering::withinzone ? l_.node0[static_cast<std::size_t>(zoneofface(f))] : 0;
       cconn_.clear();
       for (std::int64_t j = 0; j < n; ++j) cconn_.push_back(base + facenode(f, reverse ? n - 1 - j : j) - 1);
       ctype_ = g_.ndim == 2 ? vtk_line : n == 3 ? vtk_triangle : n == 4 ? vtk_quad : vtk_polygon;
@@ -627,7 +649,8 @@ void builder::buildboundaries() {
     }
     for (auto v : pc.nodes) local_[static_cast<std::size_t>(v)] = -1;
   }
-  if (skipped > 0) m_.notes.push_back(str(skipped) + " boundary face(s) with nodes that do not exist are left out");
+  if (skipped > 0)
+    m_.notes.push_back(str(skipped) + " boundary face(s) with nodes that do not exist are left out");
 }
 
 }  // namespace
@@ -650,10 +673,11 @@ mesh buildmesh(const grid& g, bool strict) {
 
 std::vector<std::string> mesh::report() const {
   std::vector<std::string> lines;
-  lines.push_back(std::string("node and cell numbers count ") + numberingname(num) + " (" + numberingevidence + ")");
+  lines.push_back(std::string("node and cell numbers count ") + numberingname(num) + " (" +
+                  numberingevidence + ")");
   const std::pair<vtktype, const char*> names[] = {
-      {vtk_triangle, "triangles"}, {vtk_quad, "quadrilaterals"}, {vtk_polygon, "polygons"},
-      {vtk_tetra, "tetrahedra"},   {vtk_pyramid, "pyramids"},     {vtk_wedge, "wedges"},
+      {vtk_triangle, "triangles"},   {vtk_quad, "quadrilaterals"},  {vtk_polygon, "polygons"},
+      {vtk_tetra, "tetrahedra"},     {vtk_pyramid, "pyramids"},     {vtk_wedge, "wedges"},
       {vtk_hexahedron, "hexahedra"}, {vtk_polyhedron, "polyhedra"}, {vtk_line, "edges"}};
   const auto describe = [&](const piece& pc, const char* what) {
     std::string s = pc.name + ": " + str(static_cast<std::int64_t>(pc.nodes.size())) + " points, " +

@@ -84,9 +84,8 @@ array gathered(std::string name, bool eightbytes, const std::vector<std::int64_t
 
 array coordinates(const piece& pc, const exportdata& d) {
   const grid& g = *d.g;
-  return gathered("Points", d.grid64, pc.nodes, 3, [&g](std::int64_t n, int c) {
-    return c < g.ndim ? g.x.data()[n * g.ndim + c] : 0.0;
-  });
+  return gathered("Points", d.grid64, pc.nodes, 3,
+                  [&g](std::int64_t n, int c) { return c < g.ndim ? g.x.data()[n * g.ndim + c] : 0.0; });
 }
 
 piecearrays dataof(const piece& pc, const exportdata& d) {
@@ -151,10 +150,11 @@ std::string xmlescape(const std::string& s) {
 }  // namespace detail
 
 std::vector<std::string> pointarraynames(const pix& p) {
-  std::vector<std::string> names = {"density", "velocity_u", "velocity_v", "velocity_w", "pressure", "variable6"};
+  std::vector<std::string> names = {"density",    "velocity_u", "velocity_v",
+                                    "velocity_w", "pressure",   "variable6"};
   // Names a Tecplot reader takes for coordinates, and the cell arrays' names, are taken already.
-  std::set<std::string> taken = {"X", "Y", "Z", "x", "y", "z", "I", "J", "K", "CoordinateX", "CoordinateY",
-                                 "CoordinateZ", "Points"};
+  std::set<std::string> taken = {"X", "Y", "Z",           "x",           "y",           "z",     "I",
+                                 "J", "K", "CoordinateX", "CoordinateY", "CoordinateZ", "Points"};
   for (int k = 1; k <= 999; ++k) taken.insert("q" + std::to_string(k));
   taken.insert(names.begin(), names.end());
   for (std::size_t k = 0; k < p.labels.size(); ++k) {
@@ -162,7 +162,8 @@ std::vector<std::string> pointarraynames(const pix& p) {
     const auto b = s.find_first_not_of(' '), e = s.find_last_not_of(' ');
     s = b == std::string::npos ? "" : s.substr(b, e - b + 1);
     for (char& c : s)
-      if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_' && c != '.' && c != '+' && c != '-') c = '_';
+      if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_' && c != '.' && c != '+' && c != '-')
+        c = '_';
     if (s.empty()) s = "free" + std::to_string(k + 1);
     std::string unique = s;
     for (int n = 2; taken.count(unique) != 0; ++n) unique = s + "_" + std::to_string(n);

@@ -74,12 +74,7 @@ void tecwriter::header() {
   out_.put("\n");
   for (const auto& v : detail::fieldvalues(d_)) {
     out_.put("DATASETAUXDATA " + v.name + " = \"");
-    if (v.integer)
-      out_.number(static_cast<std::int64_t>(v.value), '"');
-    else if (v.single)
-      out_.number(static_cast<float>(v.value), '"');
-    else
-      out_.number(v.value, '"');
+    detail::fieldnumber(out_, v, '"');
     out_.put("\n");
   }
   if (d_.p != nullptr) {
@@ -163,7 +158,8 @@ void tecwriter::volumezones() {
   for (std::size_t k = 0; k < nz; ++k) {
     const piece& pc = m_.zones[k];
     if (pc.types.empty()) continue;
-    for (std::size_t i = 0; i < pc.nodes.size(); ++i) local[static_cast<std::size_t>(pc.nodes[i])] = static_cast<std::int64_t>(i) + 1;
+    for (std::size_t i = 0; i < pc.nodes.size(); ++i)
+      local[static_cast<std::size_t>(pc.nodes[i])] = static_cast<std::int64_t>(i) + 1;
     faces.clear();
     std::int64_t facenodes = 0;
     for (std::int64_t i = start[k]; i < start[k + 1]; ++i) {
@@ -188,10 +184,13 @@ void tecwriter::volumezones() {
     for (const auto& zf : faces) {
       const std::int64_t n = g_.npf.data()[zf.face];
       for (std::int64_t j = 0; j < n; ++j)
-        out_.number(local[static_cast<std::size_t>(facenode(zf.face, zf.reversed ? n - 1 - j : j))], j + 1 == n ? '\n' : ' ');
+        out_.number(local[static_cast<std::size_t>(facenode(zf.face, zf.reversed ? n - 1 - j : j))],
+                    j + 1 == n ? '\n' : ' ');
     }
-    for (std::size_t i = 0; i < faces.size(); ++i) out_.number(faces[i].left, i % 10 == 9 || i + 1 == faces.size() ? '\n' : ' ');
-    for (std::size_t i = 0; i < faces.size(); ++i) out_.number(faces[i].right, i % 10 == 9 || i + 1 == faces.size() ? '\n' : ' ');
+    for (std::size_t i = 0; i < faces.size(); ++i)
+      out_.number(faces[i].left, i % 10 == 9 || i + 1 == faces.size() ? '\n' : ' ');
+    for (std::size_t i = 0; i < faces.size(); ++i)
+      out_.number(faces[i].right, i % 10 == 9 || i + 1 == faces.size() ? '\n' : ' ');
     for (auto v : pc.nodes) local[static_cast<std::size_t>(v)] = -1;
   }
 }
@@ -219,7 +218,8 @@ void tecwriter::boundaryzone(const piece& pc) {
   begin = 0;
   for (auto end : pc.offsets) {
     ++e;
-    for (std::int64_t j = 0; j < (end - begin == 2 ? 2 : end - begin); ++j) out_.number(e, ++written % 10 == 0 ? '\n' : ' ');
+    for (std::int64_t j = 0; j < (end - begin == 2 ? 2 : end - begin); ++j)
+      out_.number(e, ++written % 10 == 0 ? '\n' : ' ');
     begin = end;
   }
   out_.put("\n");

@@ -34,7 +34,8 @@ std::string base64(const unsigned char* p, std::size_t n) {
   std::string o;
   o.reserve((n + 2) / 3 * 4);
   for (std::size_t i = 0; i < n; i += 3) {
-    const unsigned v = static_cast<unsigned>(p[i]) << 16 | (i + 1 < n ? p[i + 1] << 8 : 0) | (i + 2 < n ? p[i + 2] : 0);
+    const unsigned v =
+        static_cast<unsigned>(p[i]) << 16 | (i + 1 < n ? p[i + 1] << 8 : 0) | (i + 2 < n ? p[i + 2] : 0);
     o += digits[v >> 18 & 63];
     o += digits[v >> 12 & 63];
     o += i + 1 < n ? digits[v >> 6 & 63] : '=';
@@ -61,7 +62,8 @@ void asciivalues(outfile& out, const char* p, std::size_t bytes) {
 // never meets an element it has already re-based under the offset it looks for.
 class vtuwriter {
  public:
-  vtuwriter(outfile& out, vtuencoding enc, const std::vector<const array*>& all) : out_(out), enc_(enc), all_(all) {
+  vtuwriter(outfile& out, vtuencoding enc, const std::vector<const array*>& all)
+      : out_(out), enc_(enc), all_(all) {
     std::int64_t at = 0;
     for (auto it = all.rbegin(); it != all.rend(); ++it) {
       offsets_.push_back(at);
@@ -73,7 +75,8 @@ class vtuwriter {
   // The element of the next array in `all`.
   void element(const char* indent) {
     const array& a = *all_[next_];
-    out_.put(std::string(indent) + "<DataArray type=\"" + a.vtkname() + "\" Name=\"" + detail::xmlescape(a.name) + "\"");
+    out_.put(std::string(indent) + "<DataArray type=\"" + a.vtkname() + "\" Name=\"" +
+             detail::xmlescape(a.name) + "\"");
     if (a.components != 1) out_.put(" NumberOfComponents=\"" + std::to_string(a.components) + "\"");
     if (enc_ == vtuencoding::raw) {
       out_.put(" format=\"appended\" offset=\"" + std::to_string(offsets_[next_++]) + "\"/>\n");
@@ -128,19 +131,17 @@ void writefielddata(outfile& out, const exportdata& d) {
   if (values.empty()) return;
   out.put("    <FieldData>\n");
   for (const auto& v : values) {
-    out.put(std::string("      <DataArray type=\"") + (v.integer ? "Int32" : v.single ? "Float32" : "Float64") + "\" Name=\"" + v.name +
-            "\" NumberOfTuples=\"1\" format=\"ascii\">\n        ");
-    if (v.integer)
-      out.number(static_cast<std::int64_t>(v.value), '\n');
-    else if (v.single)
-      out.number(static_cast<float>(v.value), '\n');
-    else
-      out.number(v.value, '\n');
+    out.put(std::string("      <DataArray type=\"") +
+            (v.integer  ? "Int32"
+             : v.single ? "Float32"
+                        : "Float64") +
+            "\" Name=\"" + v.name + "\" NumberOfTuples=\"1\" format=\"ascii\">\n        ");
+    detail::fieldnumber(out, v, '\n');
     out.put("      </DataArray>\n");
   }
   if (d.p != nullptr) {
-    out.put("      <DataArray type=\"UInt8\" Name=\"pix_text\" NumberOfTuples=\"" + std::to_string(d.p->text.size()) +
-            "\" format=\"ascii\">\n        ");
+    out.put("      <DataArray type=\"UInt8\" Name=\"pix_text\" NumberOfTuples=\"" +
+            std::to_string(d.p->text.size()) + "\" format=\"ascii\">\n        ");
     for (unsigned char c : d.p->text) out.number(static_cast<int>(c));
     out.put("\n      </DataArray>\n");
   }
@@ -161,7 +162,8 @@ void writevtu(const std::string& file, const mesh& m, const piece& pc, const exp
   (void)m;
   outfile out(file);
   out.put(
-      "<?xml version=\"1.0\"?>\n<VTKFile type=\"UnstructuredGrid\" version=\"1.0\" byte_order=\"LittleEndian\" "
+      "<?xml version=\"1.0\"?>\n<VTKFile type=\"UnstructuredGrid\" version=\"1.0\" "
+      "byte_order=\"LittleEndian\" "
       "header_type=\"UInt64\">\n  <UnstructuredGrid>\n");
   writefielddata(out, d);
   out.put("    <Piece NumberOfPoints=\"" + std::to_string(pc.nodes.size()) + "\" NumberOfCells=\"" +
@@ -169,13 +171,15 @@ void writevtu(const std::string& file, const mesh& m, const piece& pc, const exp
   const auto data = detail::dataof(pc, d);
   const array points = detail::coordinates(pc, d);
   std::vector<array> cells = {
-      direct("connectivity", array::int64, pc.connectivity.data(), static_cast<std::int64_t>(pc.connectivity.size())),
+      direct("connectivity", array::int64, pc.connectivity.data(),
+             static_cast<std::int64_t>(pc.connectivity.size())),
       direct("offsets", array::int64, pc.offsets.data(), static_cast<std::int64_t>(pc.offsets.size())),
       direct("types", array::uint8, pc.types.data(), static_cast<std::int64_t>(pc.types.size()))};
   if (!pc.faceoffsets.empty()) {
-    cells.push_back(direct("faces", array::int64, pc.faces.data(), static_cast<std::int64_t>(pc.faces.size())));
     cells.push_back(
-        direct("faceoffsets", array::int64, pc.faceoffsets.data(), static_cast<std::int64_t>(pc.faceoffsets.size())));
+        direct("faces", array::int64, pc.faces.data(), static_cast<std::int64_t>(pc.faces.size())));
+    cells.push_back(direct("faceoffsets", array::int64, pc.faceoffsets.data(),
+                           static_cast<std::int64_t>(pc.faceoffsets.size())));
   }
   std::vector<const array*> all;
   for (const auto& a : data.points) all.push_back(&a);
@@ -202,10 +206,12 @@ void writevtm(const std::string& file, const std::string& folder, const std::str
   std::vector<const piece*> pieces;
   for (const auto& z : m.zones) pieces.push_back(&z);
   for (const auto& b : m.boundaries) pieces.push_back(&b);
-  for (const piece* pc : pieces) writevtu((std::filesystem::path(folder) / piecefile(*pc)).string(), m, *pc, d, enc);
+  for (const piece* pc : pieces)
+    writevtu((std::filesystem::path(folder) / piecefile(*pc)).string(), m, *pc, d, enc);
   outfile out(file);
   out.put(
-      "<?xml version=\"1.0\"?>\n<VTKFile type=\"vtkMultiBlockDataSet\" version=\"1.0\" byte_order=\"LittleEndian\" "
+      "<?xml version=\"1.0\"?>\n<VTKFile type=\"vtkMultiBlockDataSet\" version=\"1.0\" "
+      "byte_order=\"LittleEndian\" "
       "header_type=\"UInt64\">\n  <vtkMultiBlockDataSet>\n");
   for (std::size_t i = 0; i < pieces.size(); ++i)
     out.put("    <DataSet index=\"" + std::to_string(i) + "\" name=\"" + detail::xmlescape(pieces[i]->name) +

@@ -72,6 +72,16 @@ struct fieldvalue {
 };
 std::vector<fieldvalue> fieldvalues(const exportdata& d);
 
+// A header value as text at the precision its file held it, followed by `sep`.
+inline void fieldnumber(outfile& out, const fieldvalue& v, char sep) {
+  if (v.integer)
+    out.number(static_cast<std::int64_t>(v.value), sep);
+  else if (v.single)
+    out.number(static_cast<float>(v.value), sep);
+  else
+    out.number(v.value, sep);
+}
+
 std::string xmlescape(const std::string& s);
 
 }  // namespace zelm::detail

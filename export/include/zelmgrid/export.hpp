@@ -54,19 +54,19 @@ struct piece {
 
 // A cell left out of the export, and why.
 struct cellproblem {
-  int zone = 0;            // from 1
-  std::int64_t cell = 0;   // from 1, as the face records number it
+  int zone = 0;           // from 1
+  std::int64_t cell = 0;  // from 1, as the face records number it
   std::string why;
 };
 
 struct mesh {
   int ndim = 0;
   numbering num = numbering::withinzone;
-  std::string numberingevidence;  // why that numbering, one line
-  std::vector<piece> zones;       // one per grid zone
-  std::vector<piece> boundaries;  // one per boundary code, codes descending (-1, -2, ...)
-  std::vector<int> codes;         // the code of each boundary piece
-  std::int64_t leftout = 0;       // cells left out
+  std::string numberingevidence;          // why that numbering, one line
+  std::vector<piece> zones;               // one per grid zone
+  std::vector<piece> boundaries;          // one per boundary code, codes descending (-1, -2, ...)
+  std::vector<int> codes;                 // the code of each boundary piece
+  std::int64_t leftout = 0;               // cells left out
   std::vector<cellproblem> firstleftout;  // the first few of them
   std::vector<std::string> notes;         // other things left out, one line each
   // Per grid face: bit s (s = 0, 1) set when the cell on side s + 1 sees the face's stored node
@@ -74,8 +74,8 @@ struct mesh {
   std::vector<std::uint8_t> outward;
   // Per grid face: the cell (from 0) on each side, or -1; boundary codes are in `code`.
   std::vector<std::int64_t> side1, side2;
-  std::vector<int> code;  // the negative code of a boundary face, 0 otherwise
-  std::int64_t cellcount = 0;  // cells of the grid
+  std::vector<int> code;                           // the negative code of a boundary face, 0 otherwise
+  std::int64_t cellcount = 0;                      // cells of the grid
   std::vector<std::int64_t> nodestart, facestart;  // where each zone's nodes and faces start (nzones + 1)
 
   // The lines that tell a user what was built: numbering, counts, cells left out.
@@ -95,7 +95,7 @@ struct exportdata {
   const pix* p = nullptr;
   const restart* r = nullptr;
   bool grid64 = false, pix64 = false, restart64 = false;  // 8-byte reals in the source files
-  std::string title;                                       // names the source, for Tecplot
+  std::string title;                                      // names the source, for Tecplot
 };
 
 // The point array names of a pix solution (fixed then free), made unique and safe.
