@@ -12,6 +12,17 @@ import sys
 import vtk
 
 
+def savepng(window, out):
+    """Writes what the render window shows to a PNG file."""
+    image = vtk.vtkWindowToImageFilter()
+    image.SetInput(window)
+    image.Update()
+    writer = vtk.vtkPNGWriter()
+    writer.SetFileName(out)
+    writer.SetInputConnection(image.GetOutputPort())
+    writer.Write()
+
+
 def main(argv):
     field = None
     if "--field" in argv:
@@ -97,13 +108,7 @@ def main(argv):
     renderer.ResetCamera()
     window.Render()
 
-    image = vtk.vtkWindowToImageFilter()
-    image.SetInput(window)
-    image.Update()
-    writer = vtk.vtkPNGWriter()
-    writer.SetFileName(out)
-    writer.SetInputConnection(image.GetOutputPort())
-    writer.Write()
+    savepng(window, out)
     print("rendered %s (%d cells, coloured by %s)" % (out, grid.GetNumberOfCells(), field))
 
 

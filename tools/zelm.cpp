@@ -18,6 +18,7 @@
 #include "gridgen.hpp"
 #include "output.hpp"
 #include "progress.hpp"
+#include "zelmgrid/export.hpp"
 #include "zelmgrid/files.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
 
@@ -41,8 +42,8 @@ verbs:
   info FILE [--grid GRID]        what a file is, with the evidence, and its contents
   convert IN [OUT | -o OUT] [--encoding E] [--precision P] [--grid GRID] [--nvar N] [--force]
                                  rewrite a file in another encoding or precision
-  export GRID [--pix PIX] -o OUT.dat [--force]
-                                 write a grid and its node solution to Tecplot ASCII
+  export GRID [--pix PIX] [--restart RESTART] -o OUT.vtu|.vtm|.dat [--force]
+                                 write a grid and its solutions for a viewer (VTK XML or Tecplot)
   sample DIR [--force]           write the sample grids and solutions into DIR
   help [VERB]                    this text, or the options of a verb
 
@@ -89,18 +90,31 @@ Every zone keeps its place (the conversion does not go through the routines' zon
 placement). zelm says when values lose precision on the way to single precision.
 )";
 
-constexpr const char* exporthelp = R"(usage: zelm export GRID [--pix PIX] -o OUT.dat [--force]
+constexpr const char* exporthelp =
+    R"(usage: zelm export GRID [--pix PIX] [--restart RESTART [--nvar N]] -o OUT [options]
 
-Writes GRID with the node solution of PIX (zero when omitted) to a Tecplot ASCII file
-through the library's export: triangles or quadrilaterals in 2D, a tetrahedron zone and a
-prism zone (as bricks) in 3D, and the zone's body surface.
-  -o OUT.dat      the Tecplot file
-  --pix PIX       the node solution; its six fixed variables become RHO U V W P FREE
-  --force         replace the outputs if they exist (only regular files are ever replaced)
-
-The export numbers nodes and cells within one zone, so a grid of several zones is written
-one file per zone: OUT.dat for zone 1, OUT-zone2.dat for zone 2, and so on. The files of
-one export are replaced together: all of them, or none when one of them fails.
+Writes GRID with its node solution (PIX) and cell solution (RESTART) in a form that
+ParaView, VisIt or Tecplot open as it is. Cells are rebuilt from the grid's faces: every
+zone, every cell (triangles, quadrilaterals and polygons in 2D; tetrahedra, pyramids,
+wedges, hexahedra and general polyhedra in 3D), each boundary code as a surface of its own.
+The format follows OUT's suffix:
+  OUT.vtu         one VTK unstructured grid: a grid of one zone, or the zone of --zone K
+  OUT.vtm         a VTK multiblock file and a folder OUT/ of .vtu files, one per zone and
+                  one per boundary code
+  OUT.dat, .tec   Tecplot ASCII: a polyhedral (3D) or polygonal (2D) zone per grid zone and
+                  a polygonal zone per boundary code
+options:
+  --pix PIX         node values: density, velocity_u, velocity_v, velocity_w, pressure,
+                    variable6, then the free variables by their labels
+  --restart RST     cell values q1 .. qN; --nvar N when the file does not say N
+  --zone K          the zone written to a .vtu file
+  --ascii, --base64 VTK arrays as text or inline base64 (default: appended raw binary)
+  --strict          refuse a grid with a cell that cannot be built (default: leave such
+                    cells out and say which)
+  --faithful        the library's own Tecplot export (writetecplotfile), as hosts get it:
+                    FEPOINT zones, one file per zone (OUT.dat, OUT-zone2.dat, ...); its 3D
+                    files are not well-formed Tecplot
+  --force           replace OUT if it exists
 )";
 
 constexpr const char* samplehelp = R"(usage: zelm sample DIR [--force]
@@ -173,9 +187,10 @@ void writing(outputset& set, const std::string& destination, F&& write) {
 }
 
 // A grid, recognised from its bytes.
-zelm::grid loadgrid(const std::string& path, bool headeronly) {
+zelm::grid loadgrid(const std::string& path, bool headeronly, zelmtool::detection* found = nullptr) {
   requirefile(path);
   const auto d = zelmtool::detect(path);
+  if (found != nullptr) *found = d;
   if (d.kind != filekind::grid)
     die(quoted(path) + " is not a grid file (" + zelmtool::kindname(d.kind) + ")", status::badfile);
   if (headeronly) return zelm::readgridheader(path, d.format());
@@ -433,28 +448,30 @@ void exportzone(const zelm::grid& g, std::size_t k, const fortran::farray<double
   }
 }
 
-int exportgrid(const commandline& a) {
-  if (a.positional.size() == 2 && !a.has("-o"))
-    die("export takes one grid file; to name the output, give -o: zelm export " + a.positional[0] + " -o " +
-            a.positional[1],
-        status::environment);
-  if (a.positional.size() != 1)
-    die("export takes one grid file (see zelm export --help)", status::environment);
-  if (!a.has("-o")) die("export needs an output file: -o OUT.dat", status::environment);
-  const fs::path out = a.get("-o");
-  const zelm::grid g = loadgrid(a.positional[0], false);
-  if (g.ndim != 2 && g.ndim != 3)
-    die("the Tecplot export takes 2D or 3D grids; this grid has ndim " + std::to_string(g.ndim),
+// A solution file of the given kind, recognised from its bytes and checked against the grid.
+zelmtool::detection detectsolution(const std::string& path, const zelm::grid& g, filekind kind) {
+  requirefile(path);
+  const auto d = zelmtool::detect(path, &g);
+  if (d.kind != kind)
+    die(quoted(path) + " is not a " + zelmtool::kindname(kind) + " file (" + zelmtool::kindname(d.kind) + ")",
         status::badfile);
+  if (!d.problems.empty())
+    die(quoted(path) + " does not fit the grid: " + d.problems.front(), status::badfile);
+  return d;
+}
+
+// --faithful: the library's own export, one file per zone, as hosts of writetecplotfile get it.
+int exportfaithful(const commandline& a, const zelm::grid& g) {
+  const fs::path out = a.get("-o");
+  if (a.has("--restart")) die("--faithful writes node values only: leave out --restart", status::environment);
+  if (g.ndim == 3)
+    warn(
+        "--faithful 3D files are not well-formed Tecplot (a zone follows another without its header); "
+        "readers lose the body surfaces");
   std::optional<zelm::pix> p;
   if (a.has("--pix")) {
     const std::string pixfile = a.get("--pix");
-    requirefile(pixfile);
-    const auto d = zelmtool::detect(pixfile, &g);
-    if (d.kind != filekind::pix)
-      die(quoted(pixfile) + " is not a pix file (" + zelmtool::kindname(d.kind) + ")", status::badfile);
-    if (!d.problems.empty())
-      die(quoted(pixfile) + " does not fit the grid: " + d.problems.front(), status::badfile);
+    const auto d = detectsolution(pixfile, g, filekind::pix);
     p = reading(pixfile, [&] { return zelm::readpix(pixfile, d.format(), g.nodesperzone()); });
     if (!p->labels.empty())
       note("the Tecplot variables hold the six fixed variables; " + std::to_string(p->labels.size()) +
@@ -478,6 +495,94 @@ int exportgrid(const commandline& a) {
   for (std::size_t k = 0; k < g.zones.size(); ++k)
     std::printf("wrote %s (zone %zu: %d nodes, %d cells)\n", outs[k].c_str(), k + 1, g.zones[k].nodes,
                 g.zones[k].cells);
+  return status::done;
+}
+
+int exportgrid(const commandline& a) {
+  if (a.positional.size() == 2 && !a.has("-o"))
+    die("export takes one grid file; to name the output, give -o: zelm export " + a.positional[0] + " -o " +
+            a.positional[1],
+        status::environment);
+  if (a.positional.size() != 1)
+    die("export takes one grid file (see zelm export --help)", status::environment);
+  if (!a.has("-o")) die("export needs an output file: -o OUT.vtu, OUT.vtm or OUT.dat", status::environment);
+  zelmtool::detection gd;
+  const zelm::grid g = loadgrid(a.positional[0], false, &gd);
+  if (g.ndim != 2 && g.ndim != 3)
+    die("the export takes 2D or 3D grids; this grid has ndim " + std::to_string(g.ndim), status::badfile);
+  if (a.has("--faithful")) return exportfaithful(a, g);
+
+  const fs::path out = a.get("-o");
+  const std::string suffix = out.extension().string();
+  if (suffix != ".vtu" && suffix != ".vtm" && suffix != ".dat" && suffix != ".tec")
+    die("the output's suffix chooses the format: .vtu, .vtm, .dat or .tec (" + quoted(out.string()) + ")",
+        status::environment);
+  int zone = 1;
+  if (suffix == ".vtu") {
+    if (a.has("--zone"))
+      zone = std::atoi(a.get("--zone").c_str());
+    else if (g.zones.size() != 1)
+      die("the grid has " + std::to_string(g.zones.size()) +
+              " zones and a .vtu file holds one: give --zone K or write .vtm",
+          status::environment);
+    if (zone < 1 || zone > static_cast<int>(g.zones.size()))
+      die("--zone must be 1 .. " + std::to_string(g.zones.size()), status::environment);
+  } else if (a.has("--zone")) {
+    die("--zone chooses the zone of a .vtu file", status::environment);
+  }
+  zelm::exportdata data;
+  data.g = &g;
+  data.grid64 = gd.dblprec;
+  data.title = "zelm export of " + fs::path(a.positional[0]).filename().string();
+  std::optional<zelm::pix> p;
+  std::optional<zelm::restart> r;
+  if (a.has("--pix")) {
+    const std::string file = a.get("--pix");
+    const auto d = detectsolution(file, g, filekind::pix);
+    p = reading(file, [&] { return zelm::readpix(file, d.format(), g.nodesperzone()); });
+    data.p = &*p, data.pix64 = d.dblprec;
+  }
+  if (a.has("--restart")) {
+    const std::string file = a.get("--restart");
+    const auto d = detectsolution(file, g, filekind::restart);
+    const int nvar = a.has("--nvar") ? std::atoi(a.get("--nvar").c_str()) : d.nvar;
+    if (nvar < 0)
+      die("the number of restart variables cannot be found from the file: give --nvar", status::badfile);
+    r = reading(file, [&] { return zelm::readrestart(file, d.format(), g.cellsperzone(), nvar); });
+    data.r = &*r, data.restart64 = d.dblprec;
+  }
+  zelm::mesh m;
+  try {
+    progress pr("building cells from faces", -1);
+    m = zelm::buildmesh(g, a.has("--strict"));
+  } catch (const zelm::error& e) {
+    die(e.what(), status::badfile);
+  }
+  for (const auto& line : m.report()) std::printf("%s\n", line.c_str());
+  const auto enc = a.has("--ascii")    ? zelm::vtuencoding::ascii
+                   : a.has("--base64") ? zelm::vtuencoding::base64
+                                       : zelm::vtuencoding::raw;
+  // Every file (the .vtm and its pieces) is replaced together through one output set.
+  outputset set(a.has("--force") ? outputset::existing::replace : outputset::existing::refuse);
+  const std::string name = set.add(out.string());
+  const fs::path folder = out.parent_path() / out.stem();
+  writing(set, out.string(), [&] {
+    if (suffix == ".vtu") {
+      zelm::writevtu(name, m, m.zones[static_cast<std::size_t>(zone - 1)], data, enc);
+    } else if (suffix == ".vtm") {
+      std::error_code ec;
+      if (fs::exists(fs::symlink_status(folder, ec)) && !fs::is_directory(fs::symlink_status(folder, ec)))
+        die(quoted(folder.string()) + " is in the way of the pieces' folder and is not a folder",
+            status::environment);
+      fs::create_directories(folder);
+      zelm::writevtm(name, out.stem().string(), m, data, enc,
+                     [&](const std::string& piece) { return set.add((folder / piece).string()); });
+    } else {
+      zelm::writetecplot(name, m, data);
+    }
+  });
+  set.commit();
+  std::printf("wrote %s\n", out.string().c_str());
   return status::done;
 }
 
@@ -559,7 +664,9 @@ int main(int argc, char** argv) {
   const std::vector<zelmtool::verbspec> specs = {
       {"info", {"--grid", "--nvar"}, {}},
       {"convert", {"-o", "--encoding", "--precision", "--grid", "--nvar"}, {"--force"}},
-      {"export", {"-o", "--pix"}, {"--force"}},
+      {"export",
+       {"-o", "--pix", "--restart", "--nvar", "--zone"},
+       {"--force", "--faithful", "--ascii", "--base64", "--strict"}},
       {"sample", {}, {"--force"}},
       {"help", {}, {}},
   };

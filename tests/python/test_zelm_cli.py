@@ -178,7 +178,7 @@ def test_export_of_the_samples_loads_in_vtk(tmp_path, sample):
     examples = os.path.join(os.environ.get("ZELM_SOURCE_DIR", "."), "examples")
     out = str(tmp_path / (sample + ".dat"))
     run("--quiet", "export", os.path.join(examples, sample + "-grid.unf"), "--pix",
-        os.path.join(examples, sample + "-pix.txt"), "-o", out, check=0)
+        os.path.join(examples, sample + "-pix.txt"), "-o", out, "--faithful", check=0)
     import vtk
 
     r = vtk.vtkTecplotReader()
@@ -204,6 +204,8 @@ def test_export_refuses_to_overwrite_and_leaves_nothing_half_written(tmp_path):
     examples = os.path.join(os.environ.get("ZELM_SOURCE_DIR", "."), "examples")
     out = tmp_path / "e.dat"
     out.write_text("keep")
+    p = run("export", os.path.join(examples, "flow3d-grid.unf"), "-o", str(out), "--faithful")
+    assert p.returncode == 2 and "--force" in p.stderr and out.read_text() == "keep"
     p = run("export", os.path.join(examples, "flow3d-grid.unf"), "-o", str(out))
     assert p.returncode == 2 and "--force" in p.stderr and out.read_text() == "keep"
     p = run("export", os.path.join(examples, "flow3d-grid.unf"), "--pix",
@@ -310,19 +312,20 @@ def test_a_missing_option_value_is_named_as_missing(samples, tmp_path):
 
 def test_library_lines_only_with_verbose_and_never_on_standard_output(tmp_path):
     out = tmp_path / "e.dat"
-    p = run("export", example("flow3d-grid.unf"), "-o", str(out), check=0)
+    p = run("export", example("flow3d-grid.unf"), "-o", str(out), "--faithful", check=0)
     assert p.stdout.splitlines() == ["wrote %s (zone 1: 567 nodes, 1536 cells)" % out]
-    assert p.stderr == ""
-    p = run("-v", "export", example("flow3d-grid.unf"), "-o", str(out), "--force", check=0)
+    # only the warning that --faithful 3D files are not well-formed Tecplot
+    assert p.stderr.startswith("zelm: warning: --faithful 3D") and len(p.stderr.splitlines()) == 1
+    p = run("-v", "export", example("flow3d-grid.unf"), "-o", str(out), "--faithful", "--force", check=0)
     assert p.stdout.splitlines() == ["wrote %s (zone 1: 567 nodes, 1536 cells)" % out]
     assert "Writing to Tecplot file" in p.stderr
 
 
 def test_notes_go_to_standard_error_and_quiet_leaves_them_out(tmp_path):
     out = tmp_path / "e.dat"
-    p = run("export", example("flow2d-grid.unf"), "--pix", example("flow2d-pix.unf"), "-o", str(out), check=0)
+    p = run("export", example("flow2d-grid.unf"), "--pix", example("flow2d-pix.unf"), "-o", str(out), "--faithful", check=0)
     assert "free variable(s) are not exported" in p.stderr and "free variable" not in p.stdout
-    p = run("export", example("flow2d-grid.unf"), "--pix", example("flow2d-pix.unf"), "-o", str(out), "--force",
+    p = run("export", example("flow2d-grid.unf"), "--pix", example("flow2d-pix.unf"), "-o", str(out), "--faithful", "--force",
             "-q", check=0)
     assert p.stderr == ""
 
@@ -484,20 +487,20 @@ def test_the_file_size_limit_leaves_the_old_output_and_no_temporary(biggrid, tmp
 def test_an_export_replaces_all_its_files_or_none(tmp_path):
     grid = example("flow2d-grid.unf")
     first, second = tmp_path / "e.dat", tmp_path / "e-zone2.dat"
-    run("export", grid, "-o", str(first), check=0)
+    run("export", grid, "-o", str(first), "--faithful", check=0)
     sizes = first.stat().st_size, second.stat().st_size
     assert sizes[0] < sizes[1]
     first.write_text("old zone 1")
     second.write_text("old zone 2")
     # zone 1 fits under the limit, zone 2 does not
-    p = run("export", grid, "-o", str(first), "--force", preexec_fn=file_size_limit(sum(sizes) // 2))
+    p = run("export", grid, "-o", str(first), "--faithful", "--force", preexec_fn=file_size_limit(sum(sizes) // 2))
     assert p.returncode == 2 and "e-zone2.dat" in p.stderr
     assert first.read_text() == "old zone 1" and second.read_text() == "old zone 2"
     assert not leftovers(tmp_path)
     # zone 2's destination cannot be replaced: zone 1 is not replaced either
     second.unlink()
     second.mkdir()
-    p = run("export", grid, "-o", str(first), "--force")
+    p = run("export", grid, "-o", str(first), "--faithful", "--force")
     assert p.returncode == 2 and "e-zone2.dat" in p.stderr
     assert first.read_text() == "old zone 1" and second.is_dir()
     assert not leftovers(tmp_path)
