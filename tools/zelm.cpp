@@ -17,6 +17,7 @@
 #include "gridgen.hpp"
 #include "zelmgrid/files.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
+#include "zelmgrid/tecplot.hpp"
 
 namespace fs = std::filesystem;
 using zelmtool::filekind;
@@ -86,6 +87,7 @@ of tetrahedra and prisms, each with a pix solution of a smooth flow, in several 
 
 // Progress of long work, on standard error when it is a terminal and --quiet was not given.
 bool showprogress = false;
+bool quiet = false;  // --quiet: no progress lines from the library
 
 class stage {
  public:
@@ -362,75 +364,6 @@ int convert(const args& a) {
 
 // ---- export -----------------------------------------------------------------------------------
 
-void throwingfailure(const std::string& message) {
-  throw failure{message, 1};
-}
-void throwingstop() {
-  throw failure{"the export stopped: a cell's nodes cannot be ordered (see the message above)", 1};
-}
-
-// Copies a file across folders (rename cannot cross file systems).
-void movefile(const fs::path& from, const fs::path& to) {
-  std::error_code ec;
-  fs::rename(from, to, ec);
-  if (!ec) return;
-  fs::copy_file(from, to, fs::copy_options::overwrite_existing);
-  fs::remove(from);
-}
-
-// One zone of the grid with its node values, exported to `out` through writetecplotfile.
-void exportzone(const zelm::grid& g, std::size_t k, const fortran::farray<double, 2>* values,
-                const fs::path& out) {
-  using fortran::farray;
-  using fortran::index_t;
-  index_t node0 = 0, face0 = 0;
-  for (std::size_t i = 0; i < k; ++i) {
-    node0 += g.zones[i].nodes;
-    face0 += g.zones[i].faces;
-  }
-  const auto& z = g.zones[k];
-  farray<double, 2> x, qnode;
-  farray<int, 1> nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf;
-  farray<int, 2> ifnode, ifcell;
-  x.allocate(g.ndim, z.nodes);
-  qnode.allocate(6, z.nodes);
-  for (index_t n = 1; n <= z.nodes; ++n) {
-    for (int d = 1; d <= g.ndim; ++d) x(d, n) = g.x(d, node0 + n);
-    for (int v = 1; v <= 6; ++v) qnode(v, n) = values != nullptr ? (*values)(v, node0 + n) : 0.0;
-  }
-  for (auto* a : {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}) a->allocate(1);
-  nptsz(1) = z.nodes, nfacesz(1) = z.faces, ncellsz(1) = z.cells, mnpfz(1) = z.mnpf, mfpcz(1) = z.mfpc;
-  const index_t width = g.ifnode.extent(1);
-  npf.allocate(z.faces);
-  ifnode.allocate(width, z.faces);
-  ifcell.allocate(2, z.faces);
-  for (index_t f = 1; f <= z.faces; ++f) {
-    npf(f) = g.npf(face0 + f);
-    for (index_t s = 1; s <= width; ++s) ifnode(s, f) = g.ifnode(s, face0 + f);
-    ifcell(1, f) = g.ifcell(1, face0 + f);
-    ifcell(2, f) = g.ifcell(2, face0 + f);
-  }
-  // The export takes a 40-character file name: it writes under a short temporary name first.
-  const char* tmpdir = std::getenv("TMPDIR");
-  fs::path tmp = fs::path(tmpdir != nullptr && std::strlen(tmpdir) < 20 ? tmpdir : "/tmp") /
-                 ("zelm-" + std::to_string(::getpid()) + ".dat");
-  mod_gridvars::npixvar = 6;
-  mod_gridvars::numrstrtvar = 6;
-  mod_zelmgrid::resetstate();  // the export runs once per run; this starts it afresh
-  const int ndim = g.ndim, one = 1;
-  try {
-    mod_zelmgrid::writetecplotfile(tmp.string(), ndim, one, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf,
-                                   ifnode, ifcell, qnode);
-    mod_zelmgrid::io::closeall();
-    movefile(tmp, out);
-  } catch (...) {
-    mod_zelmgrid::io::closeall();
-    std::error_code ec;
-    fs::remove(tmp, ec);
-    throw;
-  }
-}
-
 int exportgrid(const args& a) {
   if (a.positional.size() != 1) die("export takes one grid file (see zelm export --help)", 2);
   if (!a.has("-o")) die("export needs an output file: -o OUT.dat", 2);
@@ -440,8 +373,6 @@ int exportgrid(const args& a) {
     stage s("reading " + sized(a.positional[0]));
     g = loadgrid(a.positional[0], false);
   }
-  if (g.ndim != 2 && g.ndim != 3)
-    die("the Tecplot export takes 2D or 3D grids; this grid has ndim " + std::to_string(g.ndim));
   std::optional<zelm::pix> p;
   if (a.has("--pix")) {
     const std::string pixfile = a.get("--pix");
@@ -466,12 +397,19 @@ int exportgrid(const args& a) {
       die("\"" + o.string() + "\" exists: give --force to replace it");
     outs.push_back(o);
   }
-  mod_zelmgrid::io::setfailurehandler(throwingfailure);
-  mod_zelmgrid::io::setstophandler(throwingstop);
+  // The export numbers nodes and cells within a zone: one file per zone, each zone on its own.
+  zelm::tecplotoptions options;
+  options.messages = zelm::messagesto(quiet ? nullptr : stdout);
   for (std::size_t k = 0; k < g.zones.size(); ++k) {
     {
       stage s("exporting zone " + std::to_string(k + 1) + " to " + outs[k].string());
-      exportzone(g, k, p ? &p->values : nullptr, outs[k]);
+      options.zone = static_cast<int>(k + 1);
+      writeatomically(outs[k].string(), a.has("--force"), [&](const std::string& tmp) {
+        const auto leftout = zelm::writetecplot(tmp, g, p ? &p->values : nullptr, options);
+        if (leftout > 0)
+          die("zone " + std::to_string(k + 1) + " refers to " + std::to_string(leftout) +
+              " node, face or cell number(s) outside the grid: not exported");
+      });
     }
     std::printf("wrote %s (zone %zu: %d nodes, %d cells)\n", outs[k].c_str(), k + 1, g.zones[k].nodes,
                 g.zones[k].cells);
@@ -542,7 +480,6 @@ int sample(const args& a) {
 
 int main(int argc, char** argv) {
   int first = 1;
-  bool quiet = false;
   while (first < argc && (std::string(argv[first]) == "--quiet" || std::string(argv[first]) == "-q")) {
     quiet = true;
     ++first;
