@@ -1,6 +1,7 @@
 """The zelm command, driven as a user drives it."""
 import os
 import subprocess
+import time
 
 import pytest
 
@@ -222,3 +223,34 @@ def test_restart_file_against_the_wrong_grid(samples):
     p = run("info", str(samples / "flow2d-restart.unf"), "--grid", str(samples / "flow3d-grid.unf"))
     assert p.returncode == 1 and "DOES NOT FIT" in p.stdout
     assert "but zone 1 of the grid has 1,536 cells (6,144 bytes)" in p.stdout
+
+
+def test_export_of_a_zone_claiming_2147483647_cells_is_refused_at_once(tmp_path):
+    grid = tmp_path / "g.txt"
+    grid.write_text("2 1 0\n3 3 2147483647 2 3\n0 0\n1 0\n0 1\n2 1 2 1 -1\n2 2 3 1 -1\n2 3 1 1 -1\n")
+    scratch = tmp_path / "tmp"
+    scratch.mkdir()
+    env = dict(os.environ, TMPDIR=str(scratch))
+    start = time.monotonic()
+    p = subprocess.run([ZELM, "--quiet", "export", str(grid), "-o", str(tmp_path / "o.dat")],
+                       capture_output=True, text=True, timeout=30, env=env)
+    assert time.monotonic() - start < 1.0
+    assert p.returncode == 1
+    assert p.stderr == "zelm: Tecplot export: zone 1 claims 2147483647 cells, but its 3 faces border at most 6\n"
+    assert sorted(os.listdir(tmp_path)) == ["g.txt", "tmp"]
+
+
+def test_export_writes_no_temporary_file_outside_the_output_folder(tmp_path):
+    examples = os.path.join(os.environ.get("ZELM_SOURCE_DIR", "."), "examples")
+    scratch = tmp_path / "tmp"
+    scratch.mkdir()
+    out = tmp_path / "out"
+    out.mkdir()
+    env = dict(os.environ, TMPDIR=str(scratch))
+    p = subprocess.run([ZELM, "--quiet", "export", os.path.join(examples, "flow2d-grid.unf"), "-o",
+                        str(out / "a long output name with blanks, longer than forty characters.dat")],
+                       capture_output=True, text=True, timeout=120, env=env)
+    assert p.returncode == 0, p.stderr
+    assert os.listdir(scratch) == []
+    assert sorted(os.listdir(out)) == ["a long output name with blanks, longer than forty characters-zone2.dat",
+                                       "a long output name with blanks, longer than forty characters.dat"]
