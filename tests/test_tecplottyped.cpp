@@ -41,23 +41,6 @@ zelm::grid typedgrid(const tt::grid& t) {
   return g;
 }
 
-zelm::grid typedgrid(const zelmgen::grid& s) {
-  zelm::grid g;
-  g.ndim = s.ndim;
-  g.aux = s.ngridaux;
-  for (int k = 1; k <= s.nzones; ++k)
-    g.zones.push_back({s.nptsz(k), s.nfacesz(k), s.ncellsz(k), s.mnpfz(k), s.mfpcz(k)});
-  g.x.allocate(s.x.extent(1), s.x.extent(2));
-  std::copy_n(s.x.data(), s.x.size(), g.x.data());
-  g.npf.allocate(s.npf.extent(1));
-  std::copy_n(s.npf.data(), s.npf.size(), g.npf.data());
-  g.ifnode.allocate(s.ifnode.extent(1), s.ifnode.extent(2));
-  std::copy_n(s.ifnode.data(), s.ifnode.size(), g.ifnode.data());
-  g.ifcell.allocate(2, s.ifcell.extent(2));
-  std::copy_n(s.ifcell.data(), s.ifcell.size(), g.ifcell.data());
-  return g;
-}
-
 // Node values of every node of g: rows beyond the six exported ones too, so that only the first six
 // may reach the file.
 farray<double, 2> nodevalues(const zelm::grid& g, int rows = 8) {
@@ -253,9 +236,10 @@ TEST_F(tecplottyped, SuiteGridsInThreeDimensionsGiveTheRoutinesBytesAndLines) {
 }
 
 TEST_F(tecplottyped, GeneratedGridsGiveTheRoutinesBytesAndLines) {
-  expectsameeverywhere(typedgrid(zelmgen::quadtri(5, 4, false, 2)), "quadrilaterals in two zones");
-  expectsameeverywhere(typedgrid(zelmgen::quadtri(4, 3, true)), "triangles");
-  expectsameeverywhere(typedgrid(zelmgen::tetprism(3, 3, 4, 2, 2)), "tetrahedra and prisms in two zones");
+  expectsameeverywhere(zelmgen::typed(zelmgen::quadtri(5, 4, false, 2)), "quadrilaterals in two zones");
+  expectsameeverywhere(zelmgen::typed(zelmgen::quadtri(4, 3, true)), "triangles");
+  expectsameeverywhere(zelmgen::typed(zelmgen::tetprism(3, 3, 4, 2, 2)),
+                       "tetrahedra and prisms in two zones");
 }
 
 TEST_F(tecplottyped, BundledExamplesGiveTheRoutinesBytesAndLines) {
@@ -467,9 +451,9 @@ TEST_F(tecplottyped, AnOutputThatCannotBeOpenedThrowsTheLibrarysError) {
 
 TEST_F(tecplottyped, ThreadsExportingAtOnceWriteWhatOneThreadWrites) {
   std::vector<zelm::grid> grids;
-  grids.push_back(typedgrid(zelmgen::quadtri(12, 9, false, 2)));
-  grids.push_back(typedgrid(zelmgen::quadtri(10, 8, true)));
-  grids.push_back(typedgrid(zelmgen::tetprism(5, 4, 4, 2)));
+  grids.push_back(zelmgen::typed(zelmgen::quadtri(12, 9, false, 2)));
+  grids.push_back(zelmgen::typed(zelmgen::quadtri(10, 8, true)));
+  grids.push_back(zelmgen::typed(zelmgen::tetprism(5, 4, 4, 2)));
   grids.push_back(typedgrid(tt::build(3, {tt::prismwithtet()})));
   grids.push_back(smalltriangle(INT_MAX, 3));  // refused: its message must not mix with others'
   std::vector<farray<double, 2>> values;

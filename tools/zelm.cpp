@@ -419,23 +419,6 @@ int exportgrid(const args& a) {
 
 // ---- sample -----------------------------------------------------------------------------------
 
-zelm::grid typed(const zelmgen::grid& g) {
-  zelm::grid t;
-  t.ndim = g.ndim;
-  t.aux = g.ngridaux;
-  for (int k = 1; k <= g.nzones; ++k)
-    t.zones.push_back({g.nptsz(k), g.nfacesz(k), g.ncellsz(k), g.mnpfz(k), g.mfpcz(k)});
-  t.x.allocate(g.x.extent(1), g.x.extent(2));
-  for (fortran::index_t i = 0; i < g.x.size(); ++i) t.x.data()[i] = g.x.data()[i];
-  t.npf.allocate(g.npf.extent(1));
-  t.ifnode.allocate(g.ifnode.extent(1), g.ifnode.extent(2));
-  t.ifcell.allocate(2, g.ifcell.extent(2));
-  for (fortran::index_t i = 0; i < g.npf.size(); ++i) t.npf.data()[i] = g.npf.data()[i];
-  for (fortran::index_t i = 0; i < g.ifnode.size(); ++i) t.ifnode.data()[i] = g.ifnode.data()[i];
-  for (fortran::index_t i = 0; i < g.ifcell.size(); ++i) t.ifcell.data()[i] = g.ifcell.data()[i];
-  return t;
-}
-
 int sample(const args& a) {
   if (a.positional.size() != 1) die("sample takes a folder (see zelm sample --help)", 2);
   const fs::path dir = a.positional[0];
@@ -447,7 +430,7 @@ int sample(const args& a) {
   samplegrid grids[] = {{"flow2d", zelmgen::quadtri(16, 12, false, 2)},
                         {"flow3d", zelmgen::tetprism(8, 8, 6, 3)}};
   for (auto& s : grids) {
-    const auto g = typed(s.g);
+    const auto g = zelmgen::typed(s.g);
     const auto values = zelmgen::nodesolution(s.g, 1);
     zelm::pix p;
     p.dvar = 1.0, p.dgamma = 1.4, p.drgas = 287.05, p.dr0 = 1.225, p.drm0 = 0.5, p.dp0 = 101325.0;

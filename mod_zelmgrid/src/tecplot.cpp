@@ -299,6 +299,16 @@ int tecplotexport::renumbered(const farray<int, 1>& ipf, int n, int iz) {
   return 0;
 }
 
+// Boundary node n joins the boundary-node list, const(1) long.
+void tecplotexport::collectboundary(farray<int, 1>& ipbf, index_t n, int iz) {
+  ++cst_(1);
+  if (within(ipbf, cst_(1)))
+    ipbf(cst_(1)) = static_cast<int>(n);
+  else
+    leftout(zonetext(iz) + ": boundary node " + std::to_string(cst_(1)) + " is outside ipbf (" +
+            std::to_string(ipbf.extent(1)) + ")");
+}
+
 // The node record of node n: x(1:ndim, n), then qnode(1:nvals, n) when formt(3) is 2. A node that x
 // or qnode does not hold is left out whole.
 void tecplotexport::noderecord(const farray<double, 2>& x, const farray<double, 2>& qnode, int ndim,
@@ -531,17 +541,11 @@ void tecplotexport::writer(int iz, int ndim, const farray<int, 1>& mfpcz, const 
     // The boundary list is built whatever formt(4) says; only the records depend on it.
     cst_(1) = 0;
     for (index_t n = 1; n <= nptsz(iz); ++n) {
-      if (!within(ipf, n)) {
+      if (!within(ipf, n))
         leftout(zonetext(iz) + ": node " + std::to_string(n) + " is outside ipf (" +
                 std::to_string(ipf.extent(1)) + " nodes)");
-      } else if (ipf(n) < 0) {
-        ++cst_(1);
-        if (within(ipbf, cst_(1)))
-          ipbf(cst_(1)) = static_cast<int>(n);
-        else
-          leftout(zonetext(iz) + ": boundary node " + std::to_string(cst_(1)) + " is outside ipbf (" +
-                  std::to_string(ipbf.extent(1)) + ")");
-      }
+      else if (ipf(n) < 0)
+        collectboundary(ipbf, n, iz);
       if (formt_(4) == 1) noderecord(x, qnode, ndim, npix_, n, iz);
     }
     if (formt_(4) == 1) say(record("done writing title and node info......."));
@@ -663,6 +667,14 @@ void tecplotexport::tripts(int iz, const farray<int, 1>& ncellsz, const farray<i
 
 // ---- tetrahedra and prisms -------------------------------------------------------------------------
 
+// Whether cell ic carries type code `code` (1 tetrahedron, 2 prism) in row 1 of ifcell.
+bool tecplotexport::oftype(const farray<int, 2>& ifcell, index_t ic, int code, int iz) {
+  if (within(ifcell, 1, ic)) return ifcell(1, ic) == code;
+  leftout(zonetext(iz) + ": cell " + std::to_string(ic) + " has no type code (ifcell has " +
+          std::to_string(ifcell.extent(2)) + " columns)");
+  return false;
+}
+
 // The nodes of a Tet-Zone (codes 1 and 3) or Prism-Zone (codes 2 and 3): boundary nodes not yet
 // renumbered join ipbf, each node gets its number in the zone, and its record is written. Returns
 // how many nodes were counted.
@@ -684,14 +696,7 @@ int tecplotexport::elementzonenodes(int iz, int ndim, int code, const farray<int
     if (!inipf)
       leftout(zonetext(iz) + ": node " + std::to_string(n) + " is outside ipf (" +
               std::to_string(ipf.extent(1)) + " nodes) and is not renumbered");
-    if (inipf && ipf(n) < 0) {
-      ++cst_(1);
-      if (within(ipbf, cst_(1)))
-        ipbf(cst_(1)) = static_cast<int>(n);
-      else
-        leftout(zonetext(iz) + ": boundary node " + std::to_string(cst_(1)) + " is outside ipbf (" +
-                std::to_string(ipbf.extent(1)) + ")");
-    }
+    if (inipf && ipf(n) < 0) collectboundary(ipbf, n, iz);
     ++counted;
     if (inipf) ipf(n) = counted;
     // numrstrtvar values, not npixvar: the element zones carry the restart count.
@@ -715,12 +720,7 @@ void tecplotexport::tetpts(int iz, int ndim, const farray<int, 1>& ncellsz, cons
   int tets = 0;
   const int ncells = zonecount(ncellsz, iz, "ncellsz");
   for (index_t ic = 1; ic <= ncells; ++ic) {
-    if (!within(ifcell, 1, ic)) {
-      leftout(zonetext(iz) + ": cell " + std::to_string(ic) + " has no type code (ifcell has " +
-              std::to_string(ifcell.extent(2)) + " columns)");
-      continue;
-    }
-    if (ifcell(1, ic) != 1) continue;
+    if (!oftype(ifcell, ic, 1, iz)) continue;
     ++tets;
     if (!cellknown(iface, ic, 4, iz)) continue;
     // The first face gives three corners; the fourth is a node of the other faces that is none of
@@ -767,12 +767,7 @@ void tecplotexport::prsmpts(int iz, int ndim, const farray<int, 1>& ncellsz, con
   int visited = 0;
   const int ncells = zonecount(ncellsz, iz, "ncellsz");
   for (index_t ic = 1; ic <= ncells; ++ic) {
-    if (!within(ifcell, 1, ic)) {
-      leftout(zonetext(iz) + ": cell " + std::to_string(ic) + " has no type code (ifcell has " +
-              std::to_string(ifcell.extent(2)) + " columns)");
-      continue;
-    }
-    if (ifcell(1, ic) != 2) continue;
+    if (!oftype(ifcell, ic, 2, iz)) continue;
     ++visited;
     if (!cellknown(iface, ic, 5, iz)) continue;
 

@@ -113,6 +113,8 @@ class tecplotexport {
   bool cellknown(const farray<int, 2>& iface, fortran::index_t ic, int slots, int iz);
   bool faceknown(const farray<int, 2>& ifnode, int f, int slots, int iz, fortran::index_t ic);
   int renumbered(const farray<int, 1>& ipf, int n, int iz);
+  bool oftype(const farray<int, 2>& ifcell, fortran::index_t ic, int code, int iz);
+  void collectboundary(farray<int, 1>& ipbf, fortran::index_t n, int iz);
   void noderecord(const farray<double, 2>& x, const farray<double, 2>& qnode, int ndim, int nvals,
                   fortran::index_t n, int iz);
   int elementzonenodes(int iz, int ndim, int code, const farray<int, 1>& nptsz, const farray<int, 2>& ifcell,
