@@ -320,6 +320,11 @@ TEST_F(tecplottyped, ZoneClaimingMoreCellsThanItsFacesBorderIsRefusedAtOnce) {
   EXPECT_EQ(m, "Tecplot export: zone 1 claims 2147483647 cells, but its 3 faces border at most 6");
   EXPECT_FALSE(fs::exists("t.plt"));  // refused before anything is opened
   EXPECT_EQ(messageof([&] { zelm::writetecplot("t.plt", g, nullptr, {1, {}}); }), m);
+  // The same grid framed (a file of 180 bytes) is refused the same way.
+  zelm::writegrid("g.unf", {zelm::encoding::unformatted, false}, g);
+  ASSERT_EQ(fs::file_size("g.unf"), 180u);
+  const zelm::grid framed = zelm::readgrid("g.unf", {zelm::encoding::unformatted, false});
+  EXPECT_EQ(messageof([&] { zelm::writetecplot("t.plt", framed); }), m);
 }
 
 TEST_F(tecplottyped, CellsOfMoreFacesThanTheZoneHasAreRefused) {

@@ -225,9 +225,18 @@ def test_restart_file_against_the_wrong_grid(samples):
     assert "but zone 1 of the grid has 1,536 cells (6,144 bytes)" in p.stdout
 
 
-def test_export_of_a_zone_claiming_2147483647_cells_is_refused_at_once(tmp_path):
+TRIANGLE = "0 0\n1 0\n0 1\n2 1 2 1 -1\n2 2 3 1 -1\n2 3 %s 1 -1\n"
+
+
+@pytest.mark.parametrize("counts, third, message", [
+    ("3 3 2147483647 2 3", "1", "Tecplot export: zone 1 claims 2147483647 cells, but its 3 faces border at most 6"),
+    ("3 3 1 2 2147483647", "1",
+     "Tecplot export: zone 1 claims cells of up to 2147483647 faces (mfpcz), but it has 3 faces"),
+    ("3 3 1 2 3", "100", "zone 1 refers to 1 node, face or cell number(s) outside the grid: not exported"),
+])
+def test_export_of_a_hostile_or_inconsistent_grid_is_refused_at_once(tmp_path, counts, third, message):
     grid = tmp_path / "g.txt"
-    grid.write_text("2 1 0\n3 3 2147483647 2 3\n0 0\n1 0\n0 1\n2 1 2 1 -1\n2 2 3 1 -1\n2 3 1 1 -1\n")
+    grid.write_text("2 1 0\n" + counts + "\n" + TRIANGLE % third)
     scratch = tmp_path / "tmp"
     scratch.mkdir()
     env = dict(os.environ, TMPDIR=str(scratch))
@@ -236,8 +245,9 @@ def test_export_of_a_zone_claiming_2147483647_cells_is_refused_at_once(tmp_path)
                        capture_output=True, text=True, timeout=30, env=env)
     assert time.monotonic() - start < 1.0
     assert p.returncode == 1
-    assert p.stderr == "zelm: Tecplot export: zone 1 claims 2147483647 cells, but its 3 faces border at most 6\n"
+    assert p.stderr == "zelm: " + message + "\n"
     assert sorted(os.listdir(tmp_path)) == ["g.txt", "tmp"]
+    assert os.listdir(scratch) == []
 
 
 def test_export_writes_no_temporary_file_outside_the_output_folder(tmp_path):
