@@ -47,7 +47,7 @@ class typedexport final : private freshstate, public mod_zelmgrid::detail::tecpl
   io::unit& file() { return output; }
 
   // How many references were left out; when more than were reported, one line says how many.
-  std::int64_t leftouts() {
+  std::int64_t finish() {
     if (arrays.leftouts > leftoutmessages)
       report("zelmgrid: Tecplot export: " + std::to_string(arrays.leftouts) +
              " references outside the arrays were left out in all");
@@ -229,7 +229,7 @@ std::int64_t writetecplot(const std::string& file, const grid& g, const farray<d
   } catch (const io::ioerror& x) {
     throw error(x.what());
   }
-  return run.leftouts();
+  return run.finish();
 }
 
 }  // namespace zelm
