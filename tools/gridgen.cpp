@@ -261,4 +261,21 @@ int edgeforcells(std::int64_t cells) {
   return std::max(1, static_cast<int>(std::lround(std::cbrt(static_cast<double>(cells) / 4.0))));
 }
 
+zelm::grid typed(const grid& g) {
+  zelm::grid t;
+  t.ndim = g.ndim;
+  t.aux = g.ngridaux;
+  for (int k = 1; k <= g.nzones; ++k)
+    t.zones.push_back({g.nptsz(k), g.nfacesz(k), g.ncellsz(k), g.mnpfz(k), g.mfpcz(k)});
+  t.x.allocate(g.x.extent(1), g.x.extent(2));
+  std::copy_n(g.x.data(), g.x.size(), t.x.data());
+  t.npf.allocate(g.npf.extent(1));
+  std::copy_n(g.npf.data(), g.npf.size(), t.npf.data());
+  t.ifnode.allocate(g.ifnode.extent(1), g.ifnode.extent(2));
+  std::copy_n(g.ifnode.data(), g.ifnode.size(), t.ifnode.data());
+  t.ifcell.allocate(2, g.ifcell.extent(2));
+  std::copy_n(g.ifcell.data(), g.ifcell.size(), t.ifcell.data());
+  return t;
+}
+
 }  // namespace zelmgen

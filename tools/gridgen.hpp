@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "zelmgrid/farray.hpp"
+#include "zelmgrid/files.hpp"
 
 namespace zelmgen {
 
@@ -39,5 +40,8 @@ farray<float, 2> cellsolution(const grid& g, int nvar);
 
 // Cells needed for roughly `cells` cells of tetprism(n, n, n, n / 2): the edge count n.
 int edgeforcells(std::int64_t cells);
+
+// The same grid as the typed interface holds it (8-byte coordinates, counts per zone).
+zelm::grid typed(const grid& g);
 
 }  // namespace zelmgen

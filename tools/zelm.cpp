@@ -21,6 +21,7 @@
 #include "zelmgrid/export.hpp"
 #include "zelmgrid/files.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
+#include "zelmgrid/tecplot.hpp"
 
 namespace fs = std::filesystem;
 using zelmtool::commandline;
@@ -181,6 +182,10 @@ void writing(outputset& set, const std::string& destination, F&& write) {
   } catch (const zelmtool::failure& f) {
     if (f.status != status::environment) die(set.explain(f.message), f.status);
     writefailed(set, destination, f.message);
+  } catch (const mod_zelmgrid::io::ioerror& e) {
+    writefailed(set, destination, e.what());
+  } catch (const zelm::error& e) {  // what was to be written is not sound
+    die(set.explain(e.what()), status::badfile);
   } catch (const std::exception& e) {
     writefailed(set, destination, e.what());
   }
@@ -366,88 +371,6 @@ int convert(const commandline& a) {
 
 // ---- export -----------------------------------------------------------------------------------
 
-// What the library prints on its standard output (unit 6), kept so that a failure can quote it
-// when the lines were not shown (without -v).
-char* librarytext = nullptr;
-std::size_t librarytextsize = 0;
-std::FILE* librarysink = nullptr;
-
-std::string lastlibraryline() {
-  if (librarysink == nullptr) return "";
-  std::fflush(librarysink);
-  std::string s(librarytext, librarytextsize);
-  while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
-  const auto nl = s.rfind('\n');
-  s = nl == std::string::npos ? s : s.substr(nl + 1);
-  const auto first = s.find_first_not_of(' ');
-  return first == std::string::npos ? "" : s.substr(first);
-}
-
-// An open, write or close of the export that fails: the environment's doing.
-void throwingfailure(const std::string& message) {
-  throw zelmtool::failure{message, status::environment};
-}
-// The export stops on a cell whose nodes cannot be ordered: the grid is not what it should be.
-void throwingstop() {
-  const std::string said = lastlibraryline();
-  std::string why = "the export stopped: a cell's nodes cannot be ordered";
-  if (global.verbose)
-    why += " (see the message above)";
-  else if (!said.empty())
-    why += ": " + said;
-  throw zelmtool::failure{why, status::badfile};
-}
-// One zone of the grid with its node values, exported through writetecplotfile to `name` (the
-// export takes file names of at most 40 characters).
-void exportzone(const zelm::grid& g, std::size_t k, const fortran::farray<double, 2>* values,
-                const std::string& name) {
-  using fortran::farray;
-  using fortran::index_t;
-  if (name.size() > 40)
-    die("the export takes file names of up to 40 characters, and this system gives no shorter name for " +
-            quoted(name),
-        status::environment);
-  index_t node0 = 0, face0 = 0;
-  for (std::size_t i = 0; i < k; ++i) {
-    node0 += g.zones[i].nodes;
-    face0 += g.zones[i].faces;
-  }
-  const auto& z = g.zones[k];
-  farray<double, 2> x, qnode;
-  farray<int, 1> nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf;
-  farray<int, 2> ifnode, ifcell;
-  x.allocate(g.ndim, z.nodes);
-  qnode.allocate(6, z.nodes);
-  for (index_t n = 1; n <= z.nodes; ++n) {
-    for (int d = 1; d <= g.ndim; ++d) x(d, n) = g.x(d, node0 + n);
-    for (int v = 1; v <= 6; ++v) qnode(v, n) = values != nullptr ? (*values)(v, node0 + n) : 0.0;
-  }
-  for (auto* a : {&nptsz, &nfacesz, &ncellsz, &mnpfz, &mfpcz}) a->allocate(1);
-  nptsz(1) = z.nodes, nfacesz(1) = z.faces, ncellsz(1) = z.cells, mnpfz(1) = z.mnpf, mfpcz(1) = z.mfpc;
-  const index_t width = g.ifnode.extent(1);
-  npf.allocate(z.faces);
-  ifnode.allocate(width, z.faces);
-  ifcell.allocate(2, z.faces);
-  for (index_t f = 1; f <= z.faces; ++f) {
-    npf(f) = g.npf(face0 + f);
-    for (index_t s = 1; s <= width; ++s) ifnode(s, f) = g.ifnode(s, face0 + f);
-    ifcell(1, f) = g.ifcell(1, face0 + f);
-    ifcell(2, f) = g.ifcell(2, face0 + f);
-  }
-  mod_gridvars::npixvar = 6;
-  mod_gridvars::numrstrtvar = 6;
-  mod_zelmgrid::resetstate();  // the export runs once per zone; this starts it afresh
-  const int ndim = g.ndim, one = 1;
-  try {
-    mod_zelmgrid::writetecplotfile(name, ndim, one, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, npf, ifnode,
-                                   ifcell, qnode);
-    mod_zelmgrid::io::closeall();
-  } catch (...) {
-    mod_zelmgrid::io::closeall();
-    throw;
-  }
-}
-
 // A solution file of the given kind, recognised from its bytes and checked against the grid.
 zelmtool::detection detectsolution(const std::string& path, const zelm::grid& g, filekind kind) {
   requirefile(path);
@@ -485,12 +408,21 @@ int exportfaithful(const commandline& a, const zelm::grid& g) {
       o.replace_filename(out.stem().string() + "-zone" + std::to_string(k + 1) + out.extension().string());
     outs.push_back(o.string());
   }
-  mod_zelmgrid::io::setfailurehandler(throwingfailure);
-  mod_zelmgrid::io::setstophandler(throwingstop);
+  // The export numbers nodes and cells within a zone: one file per zone, each zone on its own.
+  zelm::tecplotoptions options;
+  if (global.verbose) options.messages = zelm::messagesto(stderr);
   std::vector<std::string> names;
   for (const auto& o : outs) names.push_back(set.add(o));
-  for (std::size_t k = 0; k < g.zones.size(); ++k)
-    writing(set, outs[k], [&] { exportzone(g, k, p ? &p->values : nullptr, names[k]); });
+  for (std::size_t k = 0; k < g.zones.size(); ++k) {
+    options.zone = static_cast<int>(k + 1);
+    writing(set, outs[k], [&] {
+      const auto leftout = zelm::writetecplot(names[k], g, p ? &p->values : nullptr, options);
+      if (leftout > 0)
+        die("zone " + std::to_string(k + 1) + " refers to " + std::to_string(leftout) +
+                " node, face or cell number(s) outside the grid: not exported",
+            status::badfile);
+    });
+  }
   set.commit();
   for (std::size_t k = 0; k < g.zones.size(); ++k)
     std::printf("wrote %s (zone %zu: %d nodes, %d cells)\n", outs[k].c_str(), k + 1, g.zones[k].nodes,
@@ -588,23 +520,6 @@ int exportgrid(const commandline& a) {
 
 // ---- sample -----------------------------------------------------------------------------------
 
-zelm::grid typed(const zelmgen::grid& g) {
-  zelm::grid t;
-  t.ndim = g.ndim;
-  t.aux = g.ngridaux;
-  for (int k = 1; k <= g.nzones; ++k)
-    t.zones.push_back({g.nptsz(k), g.nfacesz(k), g.ncellsz(k), g.mnpfz(k), g.mfpcz(k)});
-  t.x.allocate(g.x.extent(1), g.x.extent(2));
-  for (fortran::index_t i = 0; i < g.x.size(); ++i) t.x.data()[i] = g.x.data()[i];
-  t.npf.allocate(g.npf.extent(1));
-  t.ifnode.allocate(g.ifnode.extent(1), g.ifnode.extent(2));
-  t.ifcell.allocate(2, g.ifcell.extent(2));
-  for (fortran::index_t i = 0; i < g.npf.size(); ++i) t.npf.data()[i] = g.npf.data()[i];
-  for (fortran::index_t i = 0; i < g.ifnode.size(); ++i) t.ifnode.data()[i] = g.ifnode.data()[i];
-  for (fortran::index_t i = 0; i < g.ifcell.size(); ++i) t.ifcell.data()[i] = g.ifcell.data()[i];
-  return t;
-}
-
 int sample(const commandline& a) {
   if (a.positional.size() != 1) die("sample takes a folder (see zelm sample --help)", status::environment);
   const fs::path dir = a.positional[0];
@@ -620,7 +535,7 @@ int sample(const commandline& a) {
   samplegrid grids[] = {{"flow2d", zelmgen::quadtri(16, 12, false, 2)},
                         {"flow3d", zelmgen::tetprism(8, 8, 6, 3)}};
   for (auto& s : grids) {
-    const auto g = typed(s.g);
+    const auto g = zelmgen::typed(s.g);
     const auto values = zelmgen::nodesolution(s.g, 1);
     zelm::pix p;
     p.dvar = 1.0, p.dgamma = 1.4, p.drgas = 287.05, p.dr0 = 1.225, p.drm0 = 0.5, p.dp0 = 101325.0;
@@ -705,15 +620,9 @@ int main(int argc, char** argv) {
       helpfor(c.verb == "help" ? c.positional[0] : c.verb);
     } else {
       // The library's own lines (what it reads and writes, the export's steps) only with -v, on
-      // standard error; otherwise kept, so that a failure can quote them.
-      if (global.verbose) {
-        mod_gridvars::announcements = stderr;
-        mod_zelmgrid::io::setstdout(stderr);
-      } else {
-        mod_gridvars::announcements = nullptr;
-        librarysink = ::open_memstream(&librarytext, &librarytextsize);
-        mod_zelmgrid::io::setstdout(librarysink);
-      }
+      // standard error.
+      mod_gridvars::announcements = global.verbose ? stderr : nullptr;
+      mod_zelmgrid::io::setstdout(global.verbose ? stderr : nullptr);
       zelmtool::progress::enable(!global.quiet && !global.verbose && ::isatty(2) != 0);
       zelmtool::installsignalhandlers();
       result = verbs.at(c.verb).run(c);

@@ -126,8 +126,10 @@ void givebuffer(char* p, std::size_t cap) {
 }
 
 // A disconnected unit's buffer: kept for the next connection when it has one of the usual sizes.
-void releasebuffer(char* p, std::size_t cap) {
-  if (cap == largebuffer() || cap == smallbuffer)
+// The spares serve the table's units only: a standalone unit (number -1) allocates and frees its
+// own, so that threads that each use units of their own share nothing.
+void releasebuffer(char* p, std::size_t cap, bool pooled) {
+  if (pooled && (cap == largebuffer() || cap == smallbuffer))
     givebuffer(p, cap);
   else
     std::free(p);
@@ -232,7 +234,7 @@ void unit::abandon() {
   if (fd_ >= 0) (void)calls.close(fd_);
   fd_ = -1;
   if (!tostdout_) {
-    releasebuffer(buf_, cap_);
+    releasebuffer(buf_, cap_, number_ >= 0);
     buf_ = nullptr;
     cap_ = 0;
     form_ = form::none;
@@ -248,8 +250,7 @@ void unit::abandon() {
 
 void unit::openfile(std::string_view file, form f, bool create) {
   if (connected()) disconnect();
-  while (!file.empty() && file.back() == ' ') file.remove_suffix(1);
-  connect(std::string(file), f, create);
+  connect(std::string(file), f, create);  // the name exactly as given: trailing blanks are part of it
 }
 
 void unit::closefile() {
@@ -299,11 +300,12 @@ void unit::connect(const std::string& name, form f, bool create) {
 void unit::grow(std::size_t n) {
   const std::size_t large = largebuffer();
   const std::size_t cap = buf_ == nullptr && n <= smallbuffer ? smallbuffer : std::max(n, large);
-  char* p = cap == large || cap == smallbuffer ? takebuffer(cap) : static_cast<char*>(std::malloc(cap));
+  char* p = number_ >= 0 && (cap == large || cap == smallbuffer) ? takebuffer(cap)
+                                                                 : static_cast<char*>(std::malloc(cap));
   if (p == nullptr) failure("out of memory for the buffer of " + quoted(path_));
   const std::size_t live = mode_ == mode::writing ? wlen_ : rend_;
   if (live > 0) std::memcpy(p, buf_, live);
-  releasebuffer(buf_, cap_);
+  releasebuffer(buf_, cap_, number_ >= 0);
   buf_ = p;
   cap_ = cap;
 }
@@ -462,7 +464,7 @@ void unit::disconnect() {
     }
     fd_ = -1;
   }
-  releasebuffer(buf_, cap_);
+  releasebuffer(buf_, cap_, number_ >= 0);
   buf_ = nullptr;
   cap_ = 0;
   form_ = form::none;

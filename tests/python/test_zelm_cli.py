@@ -537,3 +537,44 @@ def test_a_progress_line_on_a_terminal_erases_itself(biggrid, tmp_path):
     assert text.rindex("\r\x1b[K") > text.rindex("MB/s")
     p = run("convert", str(biggrid), str(tmp_path / "u"), "--encoding", "formatted", check=0)
     assert "MB/s" not in p.stderr  # not a terminal: no progress line
+
+
+TRIANGLE = "0 0\n1 0\n0 1\n2 1 2 1 -1\n2 2 3 1 -1\n2 3 %s 1 -1\n"
+
+
+@pytest.mark.parametrize("counts, third, message", [
+    ("3 3 2147483647 2 3", "1", "Tecplot export: zone 1 claims 2147483647 cells, but its 3 faces border at most 6"),
+    ("3 3 1 2 2147483647", "1",
+     "Tecplot export: zone 1 claims cells of up to 2147483647 faces (mfpcz), but it has 3 faces"),
+    ("3 3 1 2 3", "100", "zone 1 refers to 1 node, face or cell number(s) outside the grid: not exported"),
+])
+def test_export_of_a_hostile_or_inconsistent_grid_is_refused_at_once(tmp_path, counts, third, message):
+    grid = tmp_path / "g.txt"
+    grid.write_text("2 1 0\n" + counts + "\n" + TRIANGLE % third)
+    scratch = tmp_path / "tmp"
+    scratch.mkdir()
+    env = dict(os.environ, TMPDIR=str(scratch))
+    start = time.monotonic()
+    p = subprocess.run([ZELM, "--quiet", "export", str(grid), "-o", str(tmp_path / "o.dat"), "--faithful"],
+                       capture_output=True, text=True, timeout=30, env=env)
+    assert time.monotonic() - start < 1.0
+    assert p.returncode == 1
+    assert p.stderr == "zelm: " + message + "\n"
+    assert sorted(os.listdir(tmp_path)) == ["g.txt", "tmp"]
+    assert os.listdir(scratch) == []
+
+
+def test_export_writes_no_temporary_file_outside_the_output_folder(tmp_path):
+    examples = os.path.join(os.environ.get("ZELM_SOURCE_DIR", "."), "examples")
+    scratch = tmp_path / "tmp"
+    scratch.mkdir()
+    out = tmp_path / "out"
+    out.mkdir()
+    env = dict(os.environ, TMPDIR=str(scratch))
+    p = subprocess.run([ZELM, "--quiet", "export", os.path.join(examples, "flow2d-grid.unf"), "-o",
+                        str(out / "a long output name with blanks, longer than forty characters.dat"), "--faithful"],
+                       capture_output=True, text=True, timeout=120, env=env)
+    assert p.returncode == 0, p.stderr
+    assert os.listdir(scratch) == []
+    assert sorted(os.listdir(out)) == ["a long output name with blanks, longer than forty characters-zone2.dat",
+                                       "a long output name with blanks, longer than forty characters.dat"]
