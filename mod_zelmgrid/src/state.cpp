@@ -4,6 +4,7 @@
 
 #include "internal.hpp"
 
+namespace mod_zelmgrid::storage {
 extern "C" {
 int zelm_rstype = 0;
 int zelm_lastcyc = 0;
@@ -15,10 +16,11 @@ double zelm_drm0 = 0;
 double zelm_dp0 = 0;
 double zelm_dvar = 0;
 int zelm_nfree = 0;
-mod_zelmgrid::detail::pixtexts zelm_pixtext_;
+detail::pixtexts zelm_pixtext_;
 fortran::fixed<int, 8> const_;
 fortran::fixed<int, 5> formt_;
 }
+}  // namespace mod_zelmgrid::storage
 
 namespace mod_zelmgrid {
 

@@ -84,8 +84,9 @@ struct pixtexts {
 };
 }  // namespace detail
 
-}  // namespace mod_zelmgrid
-
+// The objects themselves, in a namespace of their own so that no name of theirs meets the names
+// below where a user writes `using namespace mod_zelmgrid`.
+namespace storage {
 extern "C" {
 extern int zelm_rstype;
 extern int zelm_lastcyc;
@@ -97,32 +98,31 @@ extern double zelm_drm0;
 extern double zelm_dp0;
 extern double zelm_dvar;
 extern int zelm_nfree;
-extern mod_zelmgrid::detail::pixtexts zelm_pixtext_;
+extern detail::pixtexts zelm_pixtext_;
 extern fortran::fixed<int, 8> const_;  // common block /const/
 extern fortran::fixed<int, 5> formt_;  // common block /formt/
 }
+}  // namespace storage
 
-namespace mod_zelmgrid {
-
-inline int& rstype = zelm_rstype;    // restart-file type code
-inline int& lastcyc = zelm_lastcyc;  // last solver cycle of a restart file
-inline double& dtime = zelm_dtime;   // restart header value
-inline double& dgamma =
-    zelm_dgamma;  // header values carried from the restart or pix file read to the next written
-inline double& drgas = zelm_drgas;
-inline double& dr0 = zelm_dr0;
-inline double& drm0 = zelm_drm0;
-inline double& dp0 = zelm_dp0;
-inline double& dvar = zelm_dvar;               // pix header value
-inline char25& string = zelm_pixtext_.string;  // text of pix header record 3
-inline int& nfree = zelm_nfree;                // number of free variables of a pix file
-inline fortran::fixed<char25, 20>& strfree =
-    zelm_pixtext_.strfree;   // their labels, strfree(1) .. strfree(20)
+inline int& rstype = storage::zelm_rstype;    // restart-file type code
+inline int& lastcyc = storage::zelm_lastcyc;  // last solver cycle of a restart file
+inline double& dtime = storage::zelm_dtime;   // restart header value
+// Header values carried from the restart or pix file read to the next one written.
+inline double& dgamma = storage::zelm_dgamma;
+inline double& drgas = storage::zelm_drgas;
+inline double& dr0 = storage::zelm_dr0;
+inline double& drm0 = storage::zelm_drm0;
+inline double& dp0 = storage::zelm_dp0;
+inline double& dvar = storage::zelm_dvar;               // pix header value
+inline char25& string = storage::zelm_pixtext_.string;  // text of pix header record 3
+inline int& nfree = storage::zelm_nfree;                // number of free variables of a pix file
+// The labels of the free variables, strfree(1) .. strfree(20).
+inline fortran::fixed<char25, 20>& strfree = storage::zelm_pixtext_.strfree;
 extern farray<int, 1> mfpc;  // exported for users of the module; no routine touches it
 
 // Shared blocks of the Tecplot export. `const` is a C++ keyword, hence the trailing underscore.
-inline fortran::fixed<int, 8>& const_ = ::const_;
-inline fortran::fixed<int, 5>& formt = ::formt_;
+inline fortran::fixed<int, 8>& const_ = storage::const_;
+inline fortran::fixed<int, 5>& formt = storage::formt_;
 
 // ---- grid files -----------------------------------------------------------------------------
 
