@@ -16,7 +16,7 @@ double zelm_drm0 = 0;
 double zelm_dp0 = 0;
 double zelm_dvar = 0;
 int zelm_nfree = 0;
-detail::pixtexts zelm_pixtext_;
+pixtexts zelm_pixtext_;
 fortran::fixed<int, 8> const_;
 fortran::fixed<int, 5> formt_;
 }

@@ -76,17 +76,15 @@ inline constexpr int binary = 2;
 // /zelm_pixtext/, and the shared blocks as the common blocks /const/ and /formt/ that a Fortran
 // program unit declares. The names in the namespace refer to them.
 
-namespace detail {
+// The objects themselves, in a namespace of their own so that no name of theirs meets the names
+// below where a user writes `using namespace mod_zelmgrid`.
+namespace storage {
 // Layout of the common block /zelm_pixtext/: string, then strfree(1 .. 20).
 struct pixtexts {
   char25 string;
   fortran::fixed<char25, 20> strfree;
 };
-}  // namespace detail
 
-// The objects themselves, in a namespace of their own so that no name of theirs meets the names
-// below where a user writes `using namespace mod_zelmgrid`.
-namespace storage {
 extern "C" {
 extern int zelm_rstype;
 extern int zelm_lastcyc;
@@ -98,7 +96,7 @@ extern double zelm_drm0;
 extern double zelm_dp0;
 extern double zelm_dvar;
 extern int zelm_nfree;
-extern detail::pixtexts zelm_pixtext_;
+extern pixtexts zelm_pixtext_;
 extern fortran::fixed<int, 8> const_;  // common block /const/
 extern fortran::fixed<int, 5> formt_;  // common block /formt/
 }
