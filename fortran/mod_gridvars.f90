@@ -1,8 +1,8 @@
 ! The bundled mod_gridvars, for Fortran hosts that have none of their own: the services and shared
 ! variables that mod_zelmgrid requires, with the same messages as the library's C++ default.
 module mod_gridvars
-  use, intrinsic :: iso_c_binding, only: c_char, c_size_t
   use, intrinsic :: iso_fortran_env, only: error_unit, output_unit
+  use zelmgrid_extras, only: zelmlastreaderror
   implicit none
   private
   public :: numrstrtvar, readallvars, npixvar
@@ -19,14 +19,6 @@ module mod_gridvars
   logical :: announced = .false.
   integer :: lastiop = 0, lastkind = 0
   character(len=40) :: lastfile = ' '
-
-  interface
-    integer(c_size_t) function c_lastreaderror(buf, len) bind(C, name='zelm_lastreaderror')
-      import :: c_char, c_size_t
-      character(kind=c_char), intent(out) :: buf(*)
-      integer(c_size_t), value :: len
-    end function c_lastreaderror
-  end interface
 
 contains
 
@@ -91,11 +83,7 @@ contains
   ! Reports that a read failed, with the library's account of it.
   subroutine dispfilereaderror()
     character(len=:), allocatable :: detail, msg
-    character(len=1) :: probe(1)
-    integer(c_size_t) :: n
-    n = c_lastreaderror(probe, 0_c_size_t)
-    allocate (character(len=n) :: detail)
-    if (n > 0) n = c_lastreaderror(detail, n)
+    detail = zelmlastreaderror()
     flush (output_unit)
     msg = 'zelmgrid: cannot read '
     ! The account names the file itself; the announcement adds what kind of file it is.

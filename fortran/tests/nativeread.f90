@@ -123,8 +123,7 @@ contains
     logical, intent(in) :: dblprec
     type(restartfile), intent(out) :: r
     real(4) :: h4(6)
-    real(8), allocatable :: v8(:)
-    integer :: v, z, ioff, before
+    integer :: v
     call connect(file, filetype)
     if (filetype == 1) then
       read (u, *) r%h(1), r%lastcyc, r%rstype
@@ -143,25 +142,7 @@ contains
     allocate (r%q(numvar, sum(ncellsz)), r%set(sum(ncellsz)))
     r%set = .false.
     do v = 1, numvar
-      ioff = 1
-      before = 0
-      do z = 1, size(ncellsz)
-        associate (n => ncellsz(z))
-          if (filetype == 1) then
-            read (u, *) r%q(v, ioff:ioff + n - 1)
-          else if (dblprec) then
-            allocate (v8(n))
-            read (u) v8
-            r%q(v, ioff:ioff + n - 1) = real(v8, 4)
-            deallocate (v8)
-          else
-            read (u) r%q(v, ioff:ioff + n - 1)
-          end if
-          r%set(ioff:ioff + n - 1) = .true.
-          ioff = 1 + before
-          before = before + n
-        end associate
-      end do
+      call readvariable(filetype, dblprec, ncellsz, r%q(v, :), r%set)
     end do
     close (u)
   end subroutine readrestartnative
@@ -172,7 +153,7 @@ contains
     logical, intent(in) :: dblprec
     type(pixfile), intent(out) :: p
     real(4) :: h4(6)
-    integer :: ios, k
+    integer :: ios, k, v
     logical :: wide
     wide = filetype /= 1 .and. dblprec
     call connect(file, filetype)
@@ -193,7 +174,9 @@ contains
     ! Sized for 20 free variables; the count is known only after the fixed ones.
     allocate (p%pix(26, sum(nptsz)), p%set(sum(nptsz)), p%labels(20))
     p%set = .false.
-    call readvariables(1, 6)
+    do v = 1, 6
+      call readvariable(filetype, wide, nptsz, p%pix(v, :), p%set)
+    end do
     if (filetype == 1) then
       read (u, *, iostat=ios) p%nfree
     else
@@ -207,35 +190,39 @@ contains
         read (u) p%labels(k)
       end if
     end do
-    call readvariables(7, 6 + p%nfree)
+    do v = 7, 6 + p%nfree
+      call readvariable(filetype, wide, nptsz, p%pix(v, :), p%set)
+    end do
     close (u)
-  contains
-    subroutine readvariables(first, last)
-      integer, intent(in) :: first, last
-      integer :: v, z, ioff, before
-      real(8), allocatable :: v8(:)
-      do v = first, last
-        ioff = 1
-        before = 0
-        do z = 1, size(nptsz)
-          associate (n => nptsz(z))
-            if (filetype == 1) then
-              read (u, *) p%pix(v, ioff:ioff + n - 1)
-            else if (wide) then
-              allocate (v8(n))
-              read (u) v8
-              p%pix(v, ioff:ioff + n - 1) = real(v8, 4)
-              deallocate (v8)
-            else
-              read (u) p%pix(v, ioff:ioff + n - 1)
-            end if
-            p%set(ioff:ioff + n - 1) = .true.
-            ioff = 1 + before
-            before = before + n
-          end associate
-        end do
-      end do
-    end subroutine readvariables
   end subroutine readpixnative
+
+  ! One variable's zone records into its row; 8-byte values (`wide`, not formatted) are rounded.
+  subroutine readvariable(filetype, wide, counts, row, set)
+    integer, intent(in) :: filetype, counts(:)
+    logical, intent(in) :: wide
+    real, intent(inout) :: row(:)
+    logical, intent(inout) :: set(:)
+    real(8), allocatable :: v8(:)
+    integer :: z, ioff, before
+    ioff = 1
+    before = 0
+    do z = 1, size(counts)
+      associate (n => counts(z))
+        if (filetype == 1) then
+          read (u, *) row(ioff:ioff + n - 1)
+        else if (wide) then
+          allocate (v8(n))
+          read (u) v8
+          row(ioff:ioff + n - 1) = real(v8, 4)
+          deallocate (v8)
+        else
+          read (u) row(ioff:ioff + n - 1)
+        end if
+        set(ioff:ioff + n - 1) = .true.
+        ioff = 1 + before
+        before = before + n
+      end associate
+    end do
+  end subroutine readvariable
 
 end module nativeread
