@@ -8,6 +8,7 @@
 program hostbench
   use mod_zelmgrid
   use mod_gridvars
+  use zelmgrid_extras, only: zelmclose
   implicit none
   character(len=16) :: op, arg
   character(len=40) :: fin, fout
@@ -39,6 +40,7 @@ program hostbench
     else
       call writezelmgrid(fout, filetype, dblprec, ndim, nzones, ngridaux, x, nptsz, nfacesz, ncellsz, mnpfz, mfpcz, &
           npf, ifnode, ifcell)
+      call zelmclose(4)  ! the writer leaves unit 4 connected; the baseline closes it too
     end if
   end do
   call cpu_time(t1)
