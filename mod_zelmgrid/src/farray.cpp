@@ -59,6 +59,18 @@ void* allocatebytes(std::size_t bytes) {
   return p;
 }
 
+void preparebytes(void* p, std::size_t bytes) {
+  if (hugepages && bytes >= populatethreshold) {
+    // Huge pages for the whole 2 MiB blocks inside the memory, then everything mapped in at once.
+    const auto a = reinterpret_cast<std::uintptr_t>(p);
+    const std::uintptr_t first = (a + hugepage - 1) / hugepage * hugepage;
+    const std::uintptr_t last = (a + bytes) / hugepage * hugepage;
+    if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+    populate(p, bytes);
+  }
+  if (allocationfill >= 0) std::memset(p, allocationfill, bytes);
+}
+
 void releasebytes(void* p, std::size_t /*bytes*/) {
   std::free(p);
 }

@@ -4,23 +4,27 @@
 
 #include "internal.hpp"
 
+namespace mod_zelmgrid::storage {
+extern "C" {
+int zelm_rstype = 0;
+int zelm_lastcyc = 0;
+double zelm_dtime = 0;
+double zelm_dgamma = 0;
+double zelm_drgas = 0;
+double zelm_dr0 = 0;
+double zelm_drm0 = 0;
+double zelm_dp0 = 0;
+double zelm_dvar = 0;
+int zelm_nfree = 0;
+pixtexts zelm_pixtext_;
+fortran::fixed<int, 8> const_;
+fortran::fixed<int, 5> formt_;
+}
+}  // namespace mod_zelmgrid::storage
+
 namespace mod_zelmgrid {
 
-int rstype = 0;
-int lastcyc = 0;
-double dtime = 0;
-double dgamma = 0;
-double drgas = 0;
-double dr0 = 0;
-double drm0 = 0;
-double dp0 = 0;
-double dvar = 0;
-char25 string;
-int nfree = 0;
-fortran::fixed<char25, 20> strfree;
 farray<int, 1> mfpc;
-fortran::fixed<int, 8> const_;
-fortran::fixed<int, 5> formt;
 
 void resetstate() {
   io::closeall();

@@ -24,7 +24,23 @@ namespace detail {
 // Returns storage for `bytes` bytes (nullptr on failure; a non-null pointer for 0 bytes).
 void* allocatebytes(std::size_t bytes);
 void releasebytes(void* p, std::size_t bytes);
+// Readies `bytes` bytes of fresh memory from elsewhere as allocatebytes readies its own (huge pages,
+// pages mapped in at once), and applies allocationfill.
+void preparebytes(void* p, std::size_t bytes);
 }  // namespace detail
+
+// Storage that belongs to someone else, such as a Fortran caller's allocatable array. An farray
+// attached to it allocates and releases through it, and leaves it as it is when destroyed.
+class foreignstorage {
+ public:
+  // Allocates for `rank` extents (none negative); returns 0 and the storage's address in *base,
+  // or a non-zero status and leaves the storage unallocated.
+  virtual int allocate(const std::int64_t* extents, int rank, void** base) = 0;
+  virtual void release() = 0;
+
+ protected:
+  ~foreignstorage() = default;
+};
 
 // Whether large arrays are aligned to 2 MiB and marked for transparent huge pages, and arrays of
 // 64 KiB and more have their remaining pages mapped in at once (the default). Off, every array
@@ -58,6 +74,21 @@ class farray {
   }
   ~farray() { release(); }
 
+  // Attaches the array to storage it does not own: allocated with extents n at p when p is not
+  // null, unallocated otherwise. With an owner, allocate and deallocate go through it; without one
+  // (memory lent for a call) the array cannot be allocated or deallocated again. On destruction the
+  // storage is left as it is.
+  void attach(foreignstorage* owner, T* p, std::array<index_t, Rank> n) {
+    release();
+    owner_ = owner;
+    lent_ = true;
+    if (p != nullptr) {
+      p_ = p;
+      n_ = n;
+      allocated_ = true;
+    }
+  }
+
   // Allocates with the given extents; negative extents count as 0. Returns 0, or a non-zero status
   // and leaves the array as it was.
   int allocate(index_t n1) requires(Rank == 1) { return allocateextents({n1}); }
@@ -65,7 +96,8 @@ class farray {
 
   // Releases the storage. Returns 0, or stat_not_allocated when there was nothing to release.
   int deallocate() {
-    if (!allocated_) return stat_not_allocated;
+    if (!allocated_ || (lent_ && owner_ == nullptr)) return stat_not_allocated;
+    if (owner_ != nullptr) owner_->release();
     release();
     return 0;
   }
@@ -109,16 +141,24 @@ class farray {
       count *= static_cast<std::size_t>(e);
     }
     if (count > allocationlimit / sizeof(T)) return stat_no_memory;
-    void* p = detail::allocatebytes(count * sizeof(T));
-    if (p == nullptr) return stat_no_memory;
+    void* p = nullptr;
+    if (lent_) {
+      if (owner_ == nullptr) return stat_already_allocated;
+      if (const int stat = owner_->allocate(n.data(), Rank, &p); stat != 0) return stat;
+      detail::preparebytes(p, count * sizeof(T));
+    } else {
+      p = detail::allocatebytes(count * sizeof(T));
+      if (p == nullptr) return stat_no_memory;
+    }
     p_ = static_cast<T*>(p);
     n_ = n;
     bytes_ = count * sizeof(T);
     allocated_ = true;
     return 0;
   }
+  // Frees the array's own storage; detaches from storage it does not own.
   void release() {
-    if (allocated_) detail::releasebytes(p_, bytes_);
+    if (allocated_ && !lent_) detail::releasebytes(p_, bytes_);
     p_ = nullptr;
     n_ = {};
     bytes_ = 0;
@@ -129,12 +169,16 @@ class farray {
     n_ = std::exchange(o.n_, {});
     bytes_ = std::exchange(o.bytes_, 0);
     allocated_ = std::exchange(o.allocated_, false);
+    owner_ = std::exchange(o.owner_, nullptr);
+    lent_ = std::exchange(o.lent_, false);
   }
 
   T* p_ = nullptr;
   std::array<index_t, Rank> n_{};
   std::size_t bytes_ = 0;
   bool allocated_ = false;
+  bool lent_ = false;                // the storage is not the array's own (attach)
+  foreignstorage* owner_ = nullptr;  // where a lent array allocates and releases
 };
 
 }  // namespace fortran

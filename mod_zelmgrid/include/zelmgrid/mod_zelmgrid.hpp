@@ -69,24 +69,58 @@ inline constexpr int formatted = 1;
 inline constexpr int binary = 2;
 
 // ---- module variables (zero before first use) -----------------------------------------------
+//
+// The module variables and the Tecplot export's shared blocks are C objects, so that the Fortran
+// interface (fortran/mod_zelmgrid.f90) binds its module variables to the very storage the routines
+// use: the scalars by the names zelm_NAME, the pix texts as the Fortran common block
+// /zelm_pixtext/, and the shared blocks as the common blocks /const/ and /formt/ that a Fortran
+// program unit declares. The names in the namespace refer to them.
 
-extern int rstype;     // restart-file type code
-extern int lastcyc;    // last solver cycle of a restart file
-extern double dtime;   // restart header value
-extern double dgamma;  // header values carried from the restart or pix file read to the next written
-extern double drgas;
-extern double dr0;
-extern double drm0;
-extern double dp0;
-extern double dvar;                         // pix header value
-extern char25 string;                       // text of pix header record 3
-extern int nfree;                           // number of free variables of a pix file
-extern fortran::fixed<char25, 20> strfree;  // their labels, strfree(1) .. strfree(20)
-extern farray<int, 1> mfpc;                 // exported for users of the module; no routine touches it
+// The objects themselves, in a namespace of their own so that no name of theirs meets the names
+// below where a user writes `using namespace mod_zelmgrid`.
+namespace storage {
+// Layout of the common block /zelm_pixtext/: string, then strfree(1 .. 20).
+struct pixtexts {
+  char25 string;
+  fortran::fixed<char25, 20> strfree;
+};
+
+extern "C" {
+extern int zelm_rstype;
+extern int zelm_lastcyc;
+extern double zelm_dtime;
+extern double zelm_dgamma;
+extern double zelm_drgas;
+extern double zelm_dr0;
+extern double zelm_drm0;
+extern double zelm_dp0;
+extern double zelm_dvar;
+extern int zelm_nfree;
+extern pixtexts zelm_pixtext_;
+extern fortran::fixed<int, 8> const_;  // common block /const/
+extern fortran::fixed<int, 5> formt_;  // common block /formt/
+}
+}  // namespace storage
+
+inline int& rstype = storage::zelm_rstype;    // restart-file type code
+inline int& lastcyc = storage::zelm_lastcyc;  // last solver cycle of a restart file
+inline double& dtime = storage::zelm_dtime;   // restart header value
+// Header values carried from the restart or pix file read to the next one written.
+inline double& dgamma = storage::zelm_dgamma;
+inline double& drgas = storage::zelm_drgas;
+inline double& dr0 = storage::zelm_dr0;
+inline double& drm0 = storage::zelm_drm0;
+inline double& dp0 = storage::zelm_dp0;
+inline double& dvar = storage::zelm_dvar;               // pix header value
+inline char25& string = storage::zelm_pixtext_.string;  // text of pix header record 3
+inline int& nfree = storage::zelm_nfree;                // number of free variables of a pix file
+// The labels of the free variables, strfree(1) .. strfree(20).
+inline fortran::fixed<char25, 20>& strfree = storage::zelm_pixtext_.strfree;
+extern farray<int, 1> mfpc;  // exported for users of the module; no routine touches it
 
 // Shared blocks of the Tecplot export. `const` is a C++ keyword, hence the trailing underscore.
-extern fortran::fixed<int, 8> const_;
-extern fortran::fixed<int, 5> formt;
+inline fortran::fixed<int, 8>& const_ = storage::const_;
+inline fortran::fixed<int, 5>& formt = storage::formt_;
 
 // ---- grid files -----------------------------------------------------------------------------
 
