@@ -19,17 +19,13 @@ io::form formof(encoding e) {
                                   : io::form::unformatted;
 }
 
-[[noreturn]] void readerror() {
-  throw error(io::lastreaderror());
-}
-
-void check(rstat st) {
-  if (st != rstat::ok) readerror();
+void check(io::unit& u, rstat st) {
+  if (st != rstat::ok) u.throwreaderror();
 }
 
 [[noreturn]] void invalid(io::unit& u, const std::string& why) {
   io::detail::setreaderror(u, rstat::error, u.position(), why);
-  readerror();
+  u.throwreaderror();
 }
 
 template <class T, int R, class... N>
@@ -45,7 +41,7 @@ struct reader {
   bool text;
   template <class... Items>
   void record(Items&&... its) {
-    check(text ? io::listread(u, its...) : io::rawread(u, its...));
+    check(u, text ? io::listread(u, its...) : io::rawread(u, its...));
   }
   // n reals into dst (double), through a Real scratch for the raw encodings.
   void reals(double* dst, index_t n, std::vector<Real>& scratch) {
@@ -62,16 +58,16 @@ struct reader {
     if (text) {
       io::listin s(u);
       for (double* d : dst) s.item(*d);
-      check(s.finish());
+      check(u, s.finish());
     } else if constexpr (std::is_same_v<Real, double>) {
       io::rawin s(u);
       for (double* d : dst) s.item(*d);
-      check(s.finish());
+      check(u, s.finish());
     } else {
       Real r[8] = {};
       io::rawin s(u);
       for (std::size_t i = 0; i < dst.size(); ++i) s.item(r[i]);
-      check(s.finish());
+      check(u, s.finish());
       std::size_t i = 0;
       for (double* d : dst) *d = r[i++];
     }
@@ -172,7 +168,7 @@ grid readcounts(io::unit& u, reader<Real>& rd, bool text) {
       s.item(z.mnpf);
       s.item(z.mfpc);
     }
-    check(s.finish());
+    check(u, s.finish());
   };
   if (text) {
     io::listin s(u);
@@ -371,7 +367,7 @@ pix readpix(const std::string& file, format f, const std::vector<int>& nodesperz
     rd.headerreals({&p.dr0, &p.drm0, &p.dp0});
     u.context = {"pix header text"};
     fortran::char25 t;
-    check(text ? io::aread(u, io::text(t)) : io::rawread(u, io::text(t)));
+    check(u, text ? io::aread(u, io::text(t)) : io::rawread(u, io::text(t)));
     p.text = std::string(t.view());
     // The fixed variables, then (when the file goes on) the free count, labels and free variables.
     std::vector<std::vector<double>> rows;
@@ -404,7 +400,7 @@ pix readpix(const std::string& file, format f, const std::vector<int>& nodesperz
       if (nfree < 0 || nfree > 100000) invalid(u, "implausible free-variable count " + std::to_string(nfree));
       for (int k = 1; k <= nfree; ++k) {
         u.context = {"label", k};
-        check(text ? io::aread(u, io::text(t)) : io::rawread(u, io::text(t)));
+        check(u, text ? io::aread(u, io::text(t)) : io::rawread(u, io::text(t)));
         p.labels.emplace_back(t.view());
       }
       for (int v = 7; v <= 6 + nfree; ++v) variable(v);

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <string>
 
+#include "records.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
 
 namespace mod_zelmgrid::detail {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "zelmgrid/io.hpp"
+#include "records.hpp"
 
 namespace mod_zelmgrid::io {
 
