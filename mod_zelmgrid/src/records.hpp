@@ -9,6 +9,8 @@
 #pragma once
 
 #include <algorithm>
+#include <cfloat>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -186,6 +188,35 @@ textref text(fortran::ftext<N>& t) {
   return {t.data(), N};
 }
 
+// n reals held as 8-byte values, p[k * stride]: on disk 4 bytes each when `single` (narrowed on
+// writing, widened on reading; in text read and written with 4-byte precision), 8 bytes otherwise.
+// The typed interface holds every real as 8 bytes whatever the file's width.
+struct reals {
+  double* p;
+  index_t n;
+  index_t stride;
+  bool single;
+};
+struct creals {
+  const double* p;
+  index_t n;
+  index_t stride;
+  bool single;
+};
+template <class S>
+void realitems(S& s, const reals& r);
+template <class S>
+void realitems(S& s, const creals& r);
+
+// 8-byte to 4-byte real, rounding to nearest; out of range gives an infinity, as IEEE does.
+// Inline: it runs once per value of every 8-byte file.
+inline float narrow(double d) {
+  // Values at or beyond FLT_MAX plus half its last place round to infinity.
+  constexpr double limit = static_cast<double>(FLT_MAX) + 0x1p103;
+  if (std::isfinite(d) && std::fabs(d) >= limit) return d > 0 ? INFINITY : -INFINITY;
+  return static_cast<float>(d);
+}
+
 namespace detail {
 void setreaderror(unit& u, rstat st, std::int64_t offset, const std::string& reason);
 }  // namespace detail
@@ -237,6 +268,7 @@ class rawin {
     item(seq<T>{s.p, *s.n, 1});
   }
   void item(const textref& t) { get(t.p, t.n, t.n); }
+  void item(const reals& r) { realitems(*this, r); }
 
   rstat finish();
 
@@ -320,6 +352,7 @@ class rawout {
   void item(const fortran::ftext<N>& t) {
     put(t.data(), N);
   }
+  void item(const creals& r) { realitems(*this, r); }
   void finish();
 
  private:
@@ -382,6 +415,7 @@ class listin {
     if (*s.n > s.max) return toomany(*s.n, s.max);
     item(seq<T>{s.p, *s.n, 1});
   }
+  void item(const reals& r) { realitems(*this, r); }
 
   rstat finish();
 
@@ -432,6 +466,7 @@ class listout {
   void item(const seq<T>& s) {
     for (index_t k = 0; k < s.n; ++k) item(s.p[k * s.stride]);
   }
+  void item(const creals& r) { realitems(*this, r); }
   void finish();
 
  private:
@@ -459,5 +494,140 @@ void linewrite(unit& u, std::string_view line);
 
 // Format edit Iw: the integer right-aligned in w columns, or w asterisks when it does not fit.
 void editi(std::string& out, int w, std::int64_t v);
+
+// ---- reals of either width --------------------------------------------------------------------
+
+// In blocks through a small array of 4-byte reals: no allocation, and the statement sees plain
+// sections. Reading copies the values in first, so that null values keep what the array held.
+template <class S>
+void realitems(S& s, const reals& r) {
+  if (!r.single) return s.item(seq<double>{r.p, r.n, r.stride});
+  float b[256];
+  for (index_t k = 0; k < r.n && s.status() == rstat::ok;) {
+    const index_t m = std::min<index_t>(r.n - k, 256);
+    for (index_t i = 0; i < m; ++i) b[i] = static_cast<float>(r.p[(k + i) * r.stride]);
+    s.item(seq<float>{b, m, 1});
+    for (index_t i = 0; i < m; ++i) r.p[(k + i) * r.stride] = b[i];
+    k += m;
+  }
+}
+template <class S>
+void realitems(S& s, const creals& r) {
+  if (!r.single) return s.item(seq<const double>{r.p, r.n, r.stride});
+  float b[256];
+  for (index_t k = 0; k < r.n;) {
+    const index_t m = std::min<index_t>(r.n - k, 256);
+    for (index_t i = 0; i < m; ++i) b[i] = narrow(r.p[(k + i) * r.stride]);
+    s.item(seq<const float>{b, m, 1});
+    k += m;
+  }
+}
+
+// ---- one record in the file's form -----------------------------------------------------------
+//
+// The routines and the typed interface say once whether a file is text and pass that down; these
+// are the only places that choose between a list-directed and an unformatted statement.
+
+template <class... Items>
+rstat read(unit& u, bool text, Items&&... its) {
+  return text ? listread(u, its...) : rawread(u, its...);
+}
+template <class... Items>
+void write(unit& u, bool text, const Items&... its) {
+  if (text)
+    listwrite(u, its...);
+  else
+    rawwrite(u, its...);
+}
+// A statement whose items a body hands over one by one (a loop over zones).
+template <class Body>
+rstat readwith(unit& u, bool text, Body&& body) {
+  if (text) {
+    listin s(u);
+    body(s);
+    return s.finish();
+  }
+  rawin s(u);
+  body(s);
+  return s.finish();
+}
+template <class Body>
+void writewith(unit& u, bool text, Body&& body) {
+  if (text) {
+    listout s(u);
+    body(s);
+    s.finish();
+  } else {
+    rawout s(u);
+    body(s);
+    s.finish();
+  }
+}
+
+// A 25-character text record: a line read and written with edit A25 in text, 25 bytes otherwise.
+inline rstat readtext(unit& u, bool text, fortran::char25& t) {
+  return text ? aread(u, io::text(t)) : rawread(u, io::text(t));
+}
+inline void writetext(unit& u, bool text, const fortran::char25& t) {
+  if (text)
+    linewrite(u, t.view());
+  else
+    rawwrite(u, t);
+}
+
+// ---- bulk fixed-size records ------------------------------------------------------------------
+//
+// Node and face records make up nearly all of a grid file, and in the "unformatted" and "binary"
+// encodings most of the cost of one record is the general statement around it. These take the
+// common case straight from or into the unit's buffer: a record that lies whole in the buffer,
+// whose length markers (framed) agree and hold exactly its items. They stop at the first record
+// that is not such a record and return its index; the caller transfers that one with a statement,
+// so what is stored, written and reported is the same. Each record counts as one statement.
+
+// Reads records i, i+1, ... < n of `rows` values of T, record j into dst + j * stride.
+template <class T>
+index_t readfixed(unit& u, T* dst, index_t stride, index_t rows, index_t i, index_t n);
+// Reads face records f .. fend-1 (numbered from 1): node count into npf, nodes into ifnode (w a
+// face), the two cells into ifcell (cs a face). A count above w stops the loop.
+index_t readfaces(unit& u, int* npf, int* ifnode, index_t w, int* ifcell, index_t cs, index_t f,
+                  index_t fend);
+// Writes n records of `rows` values of T, record j from src + j * stride.
+template <class T>
+void writefixed(unit& u, const T* src, index_t stride, index_t rows, index_t n);
+// Writes one face record: its node count n, n nodes and two cells.
+void writeface(unit& u, int n, const int* nodes, const int* cells);
+
+// ---- a walker over framed records ---------------------------------------------------------------
+
+// One framed record: where its first leading marker is, its data bytes over all sub-records,
+// where its first data byte is, and how many sub-records it has.
+struct framedrecord {
+  std::int64_t offset = 0;
+  std::int64_t length = 0;
+  std::int64_t data = 0;
+  std::int64_t subrecords = 0;
+};
+
+// Walks the records of a framed file held in memory. next() gives them in order and returns false
+// at the end of the bytes or at the first record that is not well formed; then damage() says why
+// (empty when the records end exactly at the end), truncated() whether a record is cut short by
+// the end, and end() where the last whole record ends.
+class recordwalker {
+ public:
+  recordwalker(const unsigned char* p, std::size_t n) : p_(p), n_(static_cast<std::int64_t>(n)) {}
+  bool next(framedrecord& r);
+  const std::string& damage() const { return damage_; }
+  bool truncated() const { return truncated_; }
+  std::int64_t end() const { return off_; }
+  std::int64_t count() const { return count_; }
+
+ private:
+  const unsigned char* p_;
+  std::int64_t n_;
+  std::int64_t off_ = 0;
+  std::int64_t count_ = 0;
+  std::string damage_;
+  bool truncated_ = false;
+};
 
 }  // namespace mod_zelmgrid::io

@@ -63,6 +63,8 @@ struct pix {
   double dvar = 0, dgamma = 0, drgas = 0, dr0 = 0, drm0 = 0, dp0 = 0;
   std::string text;                 // header text, 25 characters
   std::vector<std::string> labels;  // one 25-character label per free variable
+  bool hasfreecount = false;        // the file holds the free-variable count record (written when
+                                    // true even for no free variables; always with labels)
   farray<double, 2> values;         // (6 + free variables, nodes of all zones)
 };
 
