@@ -24,3 +24,14 @@ if echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned lo
 else
   echo "== fuzz: skipped (no clang fuzzer runtime) =="
 fi
+
+# The typed interface from eight threads under ThreadSanitizer, where clang has its runtime.
+if echo 'int main() { return 0; }' | clang++ -fsanitize=thread -x c++ - -o /tmp/zelm-tsancheck.$$ >/dev/null 2>&1; then
+  rm -f /tmp/zelm-tsancheck.$$
+  echo "== tsan =="
+  cmake --preset tsan >/dev/null
+  cmake --build --preset tsan
+  ctest --preset tsan
+else
+  echo "== tsan: skipped (no clang ThreadSanitizer runtime) =="
+fi
