@@ -12,26 +12,22 @@ for preset in default asan; do
   ctest --preset "$preset"
 done
 
+# Runs a clang preset where clang's runtime for `sanitizer` links a program of `source`.
+clangpreset() {
+  local preset=$1 sanitizer=$2 source=$3 what=$4
+  if echo "$source" | clang++ -fsanitize="$sanitizer" -x c++ - -o "/tmp/zelm-$preset-check.$$" >/dev/null 2>&1; then
+    rm -f "/tmp/zelm-$preset-check.$$"
+    echo "== $preset =="
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset"
+    ctest --preset "$preset"
+  else
+    echo "== $preset: skipped (no clang $what runtime) =="
+  fi
+}
+
 # The fuzz targets, a few seconds each over their seeds and saved regressions, where clang has
 # its fuzzer runtime (the campaign itself is scripts/fuzz.sh).
-if echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' |
-    clang++ -fsanitize=fuzzer -x c++ - -o /tmp/zelm-fuzzcheck.$$ >/dev/null 2>&1; then
-  rm -f /tmp/zelm-fuzzcheck.$$
-  echo "== fuzz =="
-  cmake --preset fuzz >/dev/null
-  cmake --build --preset fuzz
-  ctest --preset fuzz
-else
-  echo "== fuzz: skipped (no clang fuzzer runtime) =="
-fi
-
-# The typed interface from eight threads under ThreadSanitizer, where clang has its runtime.
-if echo 'int main() { return 0; }' | clang++ -fsanitize=thread -x c++ - -o /tmp/zelm-tsancheck.$$ >/dev/null 2>&1; then
-  rm -f /tmp/zelm-tsancheck.$$
-  echo "== tsan =="
-  cmake --preset tsan >/dev/null
-  cmake --build --preset tsan
-  ctest --preset tsan
-else
-  echo "== tsan: skipped (no clang ThreadSanitizer runtime) =="
-fi
+clangpreset fuzz fuzzer 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' fuzzer
+# The typed interface from eight threads under ThreadSanitizer.
+clangpreset tsan thread 'int main() { return 0; }' ThreadSanitizer

@@ -7,6 +7,7 @@
 #include "gridfixtures.hpp"
 #include "gridgen.hpp"
 #include "testsupport.hpp"
+#include "zelmgrid/detect.hpp"
 #include "zelmgrid/files.hpp"
 
 using zelm::encoding;
@@ -271,4 +272,26 @@ TEST_F(typedfile, PixFreeCountOfZeroIsKeptAndACutCountIsNone) {
   const auto cut = zelm::readpix("c.unf", {encoding::unformatted, false}, {2});
   EXPECT_FALSE(cut.hasfreecount);
   EXPECT_TRUE(cut.labels.empty());
+}
+
+TEST_F(typedfile, RecognitionOfAFaceOfTheLargestCountDoesNotOverflow) {
+  // A binary grid whose only face claims 2147483647 nodes (36 bytes).
+  zt::bytes b;
+  b.i4(2).i4(1).i4(0).i4(0).i4(1).i4(0).i4(2147483647).i4(0).i4(2147483647);
+  ASSERT_EQ(b.b.size(), 36u);
+  zt::writefile("g.bin", b.b);
+  const auto d = zelm::detect("g.bin");
+  EXPECT_EQ(d.kind, zelm::filekind::unknown);
+}
+
+TEST_F(typedfile, RecognitionNamesATruncatedFramedFile) {
+  zelm::writegrid("g.unf", {encoding::unformatted, false}, typedgrid(1));
+  const std::string whole = zt::readfile("g.unf");
+  zt::writefile("g.unf", whole.substr(0, whole.size() - 10));
+  const auto d = zelm::detect("g.unf");
+  EXPECT_TRUE(d.truncated);
+  EXPECT_EQ(d.enc, encoding::unformatted);
+  ASSERT_FALSE(d.problems.empty());
+  EXPECT_NE(d.problems[0].find("truncated"), std::string::npos) << d.problems[0];
+  EXPECT_THROW(zelm::detect("/dev/zero"), zelm::error);
 }
