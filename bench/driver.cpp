@@ -32,6 +32,7 @@
 #include <utility>
 #include <vector>
 
+#include "records.hpp"
 #include "gridgen.hpp"
 #include "zelmgrid/farray.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"

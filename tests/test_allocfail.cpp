@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "../mod_zelmgrid/src/tecplot.hpp"
+#include "tecplot.hpp"
 #include "gridgen.hpp"
 #include "tecplotgrids.hpp"
 #include "testsupport.hpp"

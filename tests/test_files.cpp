@@ -1,6 +1,13 @@
 // The typed, zone-exact file interface.
+#include <sys/stat.h>
+
+#include <chrono>
+#include <sstream>
+
+#include "gridfixtures.hpp"
 #include "gridgen.hpp"
 #include "testsupport.hpp"
+#include "zelmgrid/detect.hpp"
 #include "zelmgrid/files.hpp"
 
 using zelm::encoding;
@@ -125,4 +132,166 @@ TEST_F(typedfile, TypedInterfaceLeavesTheUnitTableAlone) {
   zelm::writegrid("g.dat", {encoding::unformatted, false}, typedgrid(1));
   zelm::readgrid("g.dat", {encoding::unformatted, false});
   for (int n : {4, 13, 14, 15, 16}) EXPECT_FALSE(mod_zelmgrid::io::isconnected(n));
+}
+
+// ---- hostile files: counts proven before memory is spent, only regular files ---------------------
+
+namespace {
+
+// Runs `read` and expects a zelm::error whose message holds `words`, within a second.
+template <class F>
+void refusedquickly(F&& read, const std::string& words) {
+  const auto start = std::chrono::steady_clock::now();
+  try {
+    read();
+    ADD_FAILURE() << "no error; expected one about " << words;
+  } catch (const zelm::error& e) {
+    EXPECT_NE(std::string(e.what()).find(words), std::string::npos) << e.what();
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+}  // namespace
+
+TEST_F(typedfile, TextGridClaimingTwoToThe28NodesIsRefusedBeforeAllocating) {
+  zt::writefile("g.txt", "3 1 0\n268435456 0 0 0 0\n1 2 3\n");
+  refusedquickly([] { zelm::readgrid("g.txt", {encoding::formatted, false}); }, "268,435,456 nodes");
+}
+
+TEST_F(typedfile, BinaryGridOfEmptyNodeRecordsEndsAtOnce) {
+  // ndim 0: each node record of the unframed encoding takes no bytes.
+  zt::bytes b;
+  b.i4(0).i4(4).i4(0);
+  for (int k = 0; k < 4; ++k) b.i4(2147483647).i4(0).i4(0).i4(0).i4(0);
+  zt::writefile("g.bin", b.b);
+  const auto start = std::chrono::steady_clock::now();
+  const auto g = zelm::readgrid("g.bin", {encoding::binary, false});
+  EXPECT_EQ(g.totalnodes(), 4 * fortran::index_t{2147483647});
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+TEST_F(typedfile, PixTextOfHugeRepeatCountsIsRefusedByTheMemoryRule) {
+  std::string text = "1 2 3\n4 5 6\n" + std::string(25, 't') + "\n";
+  for (int v = 0; v < 6; ++v) text += "2000000000*1.0\n";
+  zt::writefile("p.txt", text);
+  refusedquickly(
+      [] {
+        zelm::readpix("p.txt", {encoding::formatted, false}, {2000000000});
+      },
+      "bytes of arrays");
+}
+
+TEST_F(typedfile, SmallRestartWithAHugeGridIsRefused) {
+  // A 4-byte-real header (56 bytes) and one record of one value: 68 bytes.
+  zt::bytes b;
+  b.record(zt::bytes().r4(1).i4(2).i4(3))
+      .record(zt::bytes().r4(1.4f).r4(287))
+      .record(zt::bytes().r4(1).r4(2).r4(3));
+  b.record(zt::bytes().r4(5));
+  ASSERT_EQ(b.b.size(), 68u);
+  zt::writefile("r.unf", b.b);
+  refusedquickly(
+      [] {
+        zelm::readrestart("r.unf", {encoding::unformatted, false}, {1 << 28}, 1);
+      },
+      "268,435,456 cells");
+}
+
+TEST_F(typedfile, OnlyRegularFilesAreRead) {
+  refusedquickly([] { zelm::readgrid("/dev/zero", {encoding::binary, false}); }, "a device");
+  std::filesystem::create_directory("d");
+  refusedquickly([] { zelm::readgrid("d", {encoding::binary, false}); }, "a folder");
+  ASSERT_EQ(::mkfifo("fifo", 0600), 0);
+  refusedquickly([] { zelm::readgrid("fifo", {encoding::binary, false}); }, "FIFO");  // no writer: no wait
+  refusedquickly([] { zelm::writegrid("d", {encoding::binary, false}, zelm::grid{}); }, "");
+}
+
+TEST_F(typedfile, FileNamesAreUsedExactlyAsGiven) {
+  const auto g = typedgrid(1);
+  zelm::writegrid("twin.dat ", {encoding::binary, false}, g);
+  EXPECT_TRUE(std::filesystem::exists("twin.dat "));
+  EXPECT_FALSE(std::filesystem::exists("twin.dat"));
+  const std::string longname(200, 'n');
+  zelm::writegrid(longname + "\xc3\xa9", {encoding::binary, false}, g);
+  EXPECT_EQ(zelm::readgrid(longname + "\xc3\xa9", {encoding::binary, false}).totalnodes(), g.totalnodes());
+}
+
+TEST_F(typedfile, ReadErrorsSayWhere) {
+  const auto g = typedgrid(1);
+  zelm::writegrid("g.dat", {encoding::unformatted, false}, g);
+  const std::string whole = zt::readfile("g.dat");
+  zt::writefile("g.dat", whole.substr(0, whole.size() - 3));
+  try {
+    zelm::readgrid("g.dat", {encoding::unformatted, false});
+    FAIL() << "no error";
+  } catch (const zelm::readerror& e) {
+    EXPECT_EQ(e.file, "g.dat");
+    EXPECT_EQ(e.encoding, "unformatted");
+    EXPECT_GT(e.record, 2);
+    EXPECT_GT(e.offset, 0);
+    EXPECT_NE(e.cause.find("truncated"), std::string::npos) << e.cause;
+  }
+}
+
+TEST_F(typedfile, TextGridFromTheTypedWriterHasOneZoneALineAndReadsBothWays) {
+  const auto g = typedgrid(3);
+  zelm::writegrid("g.txt", {encoding::formatted, false}, g);
+  const auto l = zt::lines(zt::readfile("g.txt"));
+  ASSERT_GT(l.size(), 4u);
+  for (std::size_t k = 1; k <= 3; ++k) {
+    std::istringstream in(l[k]);
+    int v = 0, n = 0;
+    while (in >> v) ++n;
+    EXPECT_EQ(n, 5) << l[k];
+  }
+  // The routine's reader (one statement a zone) reads it.
+  zt::grid rg;
+  rg.read("g.txt", mod_zelmgrid::formatted, 0);
+  EXPECT_EQ(zt::services().readerrors, 0) << zt::services().lastdetail;
+  EXPECT_EQ(rg.nzones, 3);
+  // And the typed reader reads the routine's file, every count on one line.
+  const auto made = zt::makegrid(3);
+  made.write("r.txt", mod_zelmgrid::formatted, 0);
+  EXPECT_EQ(zt::lines(zt::readfile("r.txt"))[1].size() > 100, true);
+  EXPECT_EQ(zelm::readgrid("r.txt", {encoding::formatted, false}).zones.size(), 3u);
+}
+
+TEST_F(typedfile, PixFreeCountOfZeroIsKeptAndACutCountIsNone) {
+  zelm::pix p;
+  p.text = "title";
+  p.values.allocate(6, 2);
+  p.hasfreecount = true;
+  zelm::writepix("p.unf", {encoding::unformatted, false}, p, {2});
+  const auto withcount = zt::readfile("p.unf");
+  const auto r = zelm::readpix("p.unf", {encoding::unformatted, false}, {2});
+  EXPECT_TRUE(r.hasfreecount);
+  zelm::writepix("q.unf", {encoding::unformatted, false}, r, {2});
+  EXPECT_EQ(zt::readfile("q.unf"), withcount);
+  // Cut inside the count record: read as ending before it.
+  zt::writefile("c.unf", withcount.substr(0, withcount.size() - 6));
+  const auto cut = zelm::readpix("c.unf", {encoding::unformatted, false}, {2});
+  EXPECT_FALSE(cut.hasfreecount);
+  EXPECT_TRUE(cut.labels.empty());
+}
+
+TEST_F(typedfile, RecognitionOfAFaceOfTheLargestCountDoesNotOverflow) {
+  // A binary grid whose only face claims 2147483647 nodes (36 bytes).
+  zt::bytes b;
+  b.i4(2).i4(1).i4(0).i4(0).i4(1).i4(0).i4(2147483647).i4(0).i4(2147483647);
+  ASSERT_EQ(b.b.size(), 36u);
+  zt::writefile("g.bin", b.b);
+  const auto d = zelm::detect("g.bin");
+  EXPECT_EQ(d.kind, zelm::filekind::unknown);
+}
+
+TEST_F(typedfile, RecognitionNamesATruncatedFramedFile) {
+  zelm::writegrid("g.unf", {encoding::unformatted, false}, typedgrid(1));
+  const std::string whole = zt::readfile("g.unf");
+  zt::writefile("g.unf", whole.substr(0, whole.size() - 10));
+  const auto d = zelm::detect("g.unf");
+  EXPECT_TRUE(d.truncated);
+  EXPECT_EQ(d.enc, encoding::unformatted);
+  ASSERT_FALSE(d.problems.empty());
+  EXPECT_NE(d.problems[0].find("truncated"), std::string::npos) << d.problems[0];
+  EXPECT_THROW(zelm::detect("/dev/zero"), zelm::error);
 }

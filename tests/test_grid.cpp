@@ -1,4 +1,5 @@
 // Grid files: header reader, reader and writer.
+#include "records.hpp"
 #include "refgrid.hpp"
 
 namespace io = mod_zelmgrid::io;

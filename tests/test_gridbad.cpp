@@ -4,6 +4,7 @@
 // once and leaves its unit connected. A missing file ends the run at the open.
 #include <random>
 
+#include "records.hpp"
 #include "refgrid.hpp"
 
 namespace io = mod_zelmgrid::io;

@@ -1,4 +1,5 @@
 // The encoding layer: units, framed records, the unframed stream and list-directed text.
+#include "records.hpp"
 #include "testsupport.hpp"
 
 namespace io = mod_zelmgrid::io;

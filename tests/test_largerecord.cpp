@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "records.hpp"
 #include "testsupport.hpp"
 
 namespace io = mod_zelmgrid::io;

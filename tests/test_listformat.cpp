@@ -6,6 +6,7 @@
 #include <limits>
 #include <random>
 
+#include "records.hpp"
 #include "testsupport.hpp"
 
 namespace io = mod_zelmgrid::io;

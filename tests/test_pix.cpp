@@ -9,6 +9,7 @@
 #include <tuple>
 #include <vector>
 
+#include "records.hpp"
 #include "pixfixtures.hpp"
 
 namespace io = mod_zelmgrid::io;

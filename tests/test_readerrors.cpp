@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "records.hpp"
 #include "gridgen.hpp"
 #include "testsupport.hpp"
 

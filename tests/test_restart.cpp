@@ -3,6 +3,7 @@
 #include <tuple>
 #include <vector>
 
+#include "records.hpp"
 #include "restartfixtures.hpp"
 
 namespace io = mod_zelmgrid::io;

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "../mod_zelmgrid/src/tecplot.hpp"
+#include "tecplot.hpp"
 #include "tecplotgrids.hpp"
 
 namespace io = mod_zelmgrid::io;

@@ -193,8 +193,6 @@ std::string messageof(const std::function<void()>& f) {
     f();
   } catch (const zelm::error& e) {
     return e.what();
-  } catch (const mod_zelmgrid::io::ioerror& e) {
-    return e.what();
   }
   return "(no error)";
 }

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "records.hpp"
 #include "gridgen.hpp"
 #include "tecplotgrids.hpp"
 #include "testsupport.hpp"

@@ -1,32 +1,11 @@
-// Recognising a file of the solver family from its bytes: encoding, kind, precision, and the
-// evidence for each, so that a user never has to say what a file is.
+// File recognition lives in the library (zelmgrid/detect.hpp); the tool uses it under its own names.
 #pragma once
 
-#include <optional>
-#include <string>
-#include <vector>
-
-#include "zelmgrid/files.hpp"
+#include "zelmgrid/detect.hpp"
 
 namespace zelmtool {
-
-enum class filekind { unknown, grid, restart, pix };
-const char* kindname(filekind k);
-
-struct detection {
-  bool encodingknown = false;
-  zelm::encoding enc = zelm::encoding::binary;
-  filekind kind = filekind::unknown;
-  bool precisionknown = false;
-  bool dblprec = false;
-  int nvar = -1;                      // restart variables, when a grid says how many cells there are
-  std::vector<std::string> evidence;  // why: one line each
-  std::vector<std::string> problems;  // where the file does not fit its grid, one line each
-  zelm::format format() const { return {enc, dblprec}; }
-};
-
-// Looks at the file's bytes. With a grid, restart and pix files are also checked against its zone
-// counts (their records hold no counts of their own).
-detection detect(const std::string& path, const zelm::grid* grid = nullptr);
-
+using zelm::detect;
+using zelm::detection;
+using zelm::filekind;
+using zelm::kindname;
 }  // namespace zelmtool

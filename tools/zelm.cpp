@@ -18,6 +18,7 @@
 #include "gridgen.hpp"
 #include "output.hpp"
 #include "progress.hpp"
+#include "zelmgrid/error.hpp"
 #include "zelmgrid/export.hpp"
 #include "zelmgrid/files.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
@@ -182,7 +183,7 @@ void writing(outputset& set, const std::string& destination, F&& write) {
   } catch (const zelmtool::failure& f) {
     if (f.status != status::environment) die(set.explain(f.message), f.status);
     writefailed(set, destination, f.message);
-  } catch (const mod_zelmgrid::io::ioerror& e) {
+  } catch (const zelm::ioerror& e) {
     writefailed(set, destination, e.what());
   } catch (const zelm::error& e) {  // what was to be written is not sound
     die(set.explain(e.what()), status::badfile);

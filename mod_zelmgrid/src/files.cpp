@@ -1,17 +1,23 @@
-// Typed, zone-exact access to the three file kinds over standalone units.
+// Typed, zone-exact access to the three file kinds, over standalone units and the record layouts
+// the routines use. Every call owns its unit, its buffer and its error text.
 #include "zelmgrid/files.hpp"
 
 #include <algorithm>
-#include <numeric>
+#include <string>
 
-#include "internal.hpp"
+#include "layouts.hpp"
+#include "records.hpp"
 
 namespace zelm {
 
 namespace io = mod_zelmgrid::io;
+namespace layout = mod_zelmgrid::layout;
 using io::rstat;
 
 namespace {
+
+// Products of counts from a file, which may exceed 64 bits.
+__extension__ using big = __int128;
 
 io::form formof(encoding e) {
   return e == encoding::formatted ? io::form::formatted
@@ -19,93 +25,75 @@ io::form formof(encoding e) {
                                   : io::form::unformatted;
 }
 
-[[noreturn]] void readerror() {
-  throw error(io::lastreaderror());
+// Counts with thousands separated, for messages about counts a reader takes in at a glance.
+std::string num(big v) {
+  std::string s = std::to_string(static_cast<long long>(v < 0 ? -v : v));
+  for (int i = static_cast<int>(s.size()) - 3; i > 0; i -= 3) s.insert(static_cast<std::size_t>(i), ",");
+  return (v < 0 ? "-" : "") + s;
 }
 
-void check(rstat st) {
-  if (st != rstat::ok) readerror();
-}
+// One file of the typed interface: its unit, its encoding, and the checks that counts read from it
+// are what it can hold. Reals are held as 8-byte values; on disk they are `wide` (8 bytes) or not,
+// and in text they are read and written with 17 or 9 significant digits alike.
+class typedfile {
+ public:
+  typedfile(const std::string& name, format f, bool create)
+      : text(f.enc == encoding::formatted), wide(f.dblprec), framed(f.enc == encoding::unformatted) {
+    u.openfile(name, formof(f.enc), create);
+    if (!create) size = u.remaining();
+  }
 
-[[noreturn]] void invalid(io::unit& u, const std::string& why) {
-  io::detail::setreaderror(u, rstat::error, u.position(), why);
-  readerror();
-}
+  io::unit u{-1};
+  const bool text, wide, framed;
+  std::int64_t size = 0;  // of a file opened for reading
 
-template <class T, int R, class... N>
-void allocate(io::unit& u, farray<T, R>& a, const char* what, N... n) {
-  if (a.allocate(n...) != 0) invalid(u, std::string("cannot allocate ") + what + ": out of memory");
-}
+  // Values in the file's width; header reals keep all their digits in text.
+  io::reals values(double* p, index_t n, index_t stride = 1) const { return {p, n, stride, !wide}; }
+  io::creals values(const double* p, index_t n, index_t stride = 1) const { return {p, n, stride, !wide}; }
+  io::reals header(double& d) const { return {&d, 1, 1, !text && !wide}; }
+  io::creals header(const double& d) const { return {&d, 1, 1, !text && !wide}; }
+  std::int64_t realbytes() const { return text ? 2 : wide ? 8 : 4; }  // least bytes of one value
+  std::int64_t markers() const { return framed ? 8 : 0; }
 
-// A statement in the file's encoding. Reals travel as `real` on disk (float or double) and are held
-// as double; formatted text is read straight into doubles.
-template <class Real>
-struct reader {
-  io::unit& u;
-  bool text;
   template <class... Items>
-  void record(Items&&... its) {
-    check(text ? io::listread(u, its...) : io::rawread(u, its...));
+  void read(Items&&... its) {
+    check(io::read(u, text, its...));
   }
-  // n reals into dst (double), through a Real scratch for the raw encodings.
-  void reals(double* dst, index_t n, std::vector<Real>& scratch) {
-    if constexpr (std::is_same_v<Real, double>) {
-      record(io::items(dst, n));
-      return;
-    }
-    scratch.resize(static_cast<std::size_t>(std::max<index_t>(n, 0)));
-    record(io::items(scratch.data(), n));
-    std::copy(scratch.begin(), scratch.end(), dst);
+  template <class... Items>
+  void write(const Items&... its) {
+    io::write(u, text, its...);
   }
-  // Header reals: straight into the doubles, or through Real.
-  void headerreals(std::initializer_list<double*> dst) {
-    if (text) {
-      io::listin s(u);
-      for (double* d : dst) s.item(*d);
-      check(s.finish());
-    } else if constexpr (std::is_same_v<Real, double>) {
-      io::rawin s(u);
-      for (double* d : dst) s.item(*d);
-      check(s.finish());
-    } else {
-      Real r[8] = {};
-      io::rawin s(u);
-      for (std::size_t i = 0; i < dst.size(); ++i) s.item(r[i]);
-      check(s.finish());
-      std::size_t i = 0;
-      for (double* d : dst) *d = r[i++];
-    }
+  void check(rstat st) const {
+    if (st != rstat::ok) u.throwreaderror();
+  }
+  [[noreturn]] void invalid(const std::string& why) {
+    io::detail::setreaderror(u, rstat::error, u.position(), why);
+    u.throwreaderror();
+  }
+
+  // Counts are proven before memory is spent on them: `records` more records of at least `least`
+  // bytes each must fit in what is left of the file (a text record takes a line of two
+  // characters, the last one one), and the arrays they fill may take at most 64 MiB and 16 bytes
+  // for each byte of the file.
+  void prove(const std::string& what, big records, std::int64_t least, big arraybytes) {
+    const big left = u.remaining();
+    if (records > 0 && records * least > left + (text ? 1 : 0))
+      invalid(what + " claim " + num(records) + " records of at least " + num(least) + " bytes; the " +
+              num(left) + " bytes left in the file hold at most " +
+              num(least > 0 ? (left + (text ? 1 : 0)) / least : 0));
+    const big budget = (big{64} << 20) + 16 * static_cast<big>(size);
+    if (arraybytes > budget)
+      invalid(what + " ask for " + num(arraybytes) + " bytes of arrays; a file of " + num(size) +
+              " bytes may take at most " + num(budget));
+  }
+  template <class T, int R, class... N>
+  void allocate(farray<T, R>& a, const char* what, N... n) {
+    if (a.allocate(n...) != 0) invalid(std::string("cannot allocate ") + what + ": out of memory");
+  }
+  void nomore(const char* after) {
+    if (!text && u.remaining() > 0) invalid(num(u.remaining()) + " bytes follow the last " + after);
   }
 };
-
-template <class Real>
-struct writer {
-  io::unit& u;
-  bool text;
-  template <class... Items>
-  void record(const Items&... its) {
-    if (text)
-      io::listwrite(u, its...);
-    else
-      io::rawwrite(u, its...);
-  }
-  // n doubles from src as Real (narrowed by rounding for 4-byte reals).
-  void reals(const double* src, index_t n, std::vector<Real>& scratch) {
-    scratch.resize(static_cast<std::size_t>(std::max<index_t>(n, 0)));
-    for (std::size_t i = 0; i < scratch.size(); ++i)
-      scratch[i] =
-          std::is_same_v<Real, float> ? mod_zelmgrid::detail::narrow(src[i]) : static_cast<Real>(src[i]);
-    record(io::items(scratch.data(), n));
-  }
-};
-
-// Runs body with a float or a double standing for the reals of the file: in the raw encodings the
-// width on disk, in text the precision of the values (9 or 17 significant digits).
-template <class F>
-auto byprecision(format f, F&& body) {
-  if (f.dblprec) return body(double{});
-  return body(float{});
-}
 
 index_t total(const std::vector<int>& counts) {
   index_t t = 0;
@@ -114,6 +102,24 @@ index_t total(const std::vector<int>& counts) {
     t += c;
   }
   return t;
+}
+
+// The values of one variable, zone after zone, row `v` of `a`: one record a zone.
+void readvariable(typedfile& tf, farray<double, 2>& a, index_t v, const std::vector<int>& perzone) {
+  index_t at = 0;
+  for (std::size_t z = 0; z < perzone.size(); ++z) {
+    tf.u.context = {"variable", v, "zone", static_cast<index_t>(z + 1)};
+    const index_t n = perzone[z];
+    tf.read(tf.values(n > 0 ? &a(v, at + 1) : a.data(), n, a.extent(1)));
+    at += n;
+  }
+}
+void writevariable(typedfile& tf, const farray<double, 2>& a, index_t v, const std::vector<int>& perzone) {
+  index_t at = 0;
+  for (const int n : perzone) {
+    tf.write(tf.values(n > 0 ? &a(v, at + 1) : a.data(), n, a.extent(1)));
+    at += n;
+  }
 }
 
 }  // namespace
@@ -152,271 +158,207 @@ std::vector<int> grid::cellsperzone() const {
 
 namespace {
 
-// The header and the zone counts (one record in every encoding, as the writer writes them).
-template <class Real>
-grid readcounts(io::unit& u, reader<Real>& rd, bool text) {
+// The header and the zone counts. All counts are read as one statement: text written one zone a
+// line and text written as one record both read, since a statement reads on across lines.
+grid readcounts(typedfile& tf) {
   grid g;
   int nzones = 0;
-  u.context = {"grid header"};
-  rd.record(g.ndim, nzones, g.aux);
-  if (g.ndim < 0 || g.ndim > 3) invalid(u, "ndim = " + std::to_string(g.ndim) + " is not 0 to 3");
-  if (nzones < 0 || static_cast<std::int64_t>(nzones) * 5 > u.remaining() + 1)
-    invalid(u, "nzones = " + std::to_string(nzones) + " does not fit the file");
+  tf.u.context = {"grid header"};
+  tf.check(io::readwith(tf.u, tf.text, [&](auto& s) { layout::gridheader(s, g.ndim, nzones, g.aux); }));
+  if (g.ndim < 0 || g.ndim > 3) tf.invalid("ndim = " + std::to_string(g.ndim) + " is not 0 to 3");
+  if (nzones < 0) tf.invalid("nzones = " + std::to_string(nzones) + " is negative");
+  tf.u.context = {"zone counts"};
+  tf.prove("the " + num(nzones) + " zones' counts", tf.text ? 0 : 1, 20LL * nzones,
+           static_cast<big>(nzones) * sizeof(zonecounts));
   g.zones.resize(static_cast<std::size_t>(nzones));
-  u.context = {"zone counts"};
-  const auto one = [&](auto& s) {
-    for (auto& z : g.zones) {
-      s.item(z.nodes);
-      s.item(z.faces);
-      s.item(z.cells);
-      s.item(z.mnpf);
-      s.item(z.mfpc);
-    }
-    check(s.finish());
-  };
-  if (text) {
-    io::listin s(u);
-    one(s);
-  } else {
-    io::rawin s(u);
-    one(s);
-  }
+  tf.check(io::readwith(tf.u, tf.text, [&](auto& s) {
+    for (auto& z : g.zones) layout::zonecounts(s, z.nodes, z.faces, z.cells, z.mnpf, z.mfpc);
+  }));
   for (const auto& z : g.zones)
-    if (z.nodes < 0 || z.faces < 0 || z.cells < 0) invalid(u, "negative count in the zone counts");
+    if (z.nodes < 0 || z.faces < 0 || z.cells < 0) tf.invalid("negative count in the zone counts");
   return g;
 }
 
 }  // namespace
 
 grid readgridheader(const std::string& file, format f) {
-  io::unit u(-1);
-  u.openfile(file, formof(f.enc), false);
-  reader<double> rd{u, f.enc == encoding::formatted};
-  return readcounts(u, rd, rd.text);
+  typedfile tf(file, f, false);
+  return readcounts(tf);
 }
 
 grid readgrid(const std::string& file, format f) {
-  io::unit u(-1);
-  u.openfile(file, formof(f.enc), false);
-  const bool text = f.enc == encoding::formatted;
-  return byprecision(f, [&](auto real) {
-    using Real = decltype(real);
-    reader<Real> rd{u, text};
-    grid g = readcounts(u, rd, text);
-    int width = 0;
-    for (const auto& z : g.zones) width = std::max(width, z.mnpf);
-    const index_t nodes = g.totalnodes(), faces = g.totalfaces();
-    if (u.remaining() < nodes * g.ndim || u.remaining() < faces * 3)
-      invalid(u, "the zone counts ask for more nodes and faces than the file can hold");
-    allocate(u, g.x, "the coordinates", g.ndim, nodes);
-    allocate(u, g.npf, "the face node counts", faces);
-    allocate(u, g.ifnode, "the face nodes", width, faces);
-    allocate(u, g.ifcell, "the face cells", 2, faces);
-    std::vector<Real> scratch;
-    index_t node = 0, face = 0;
-    for (std::size_t k = 0; k < g.zones.size(); ++k) {
-      const auto& z = g.zones[k];
-      for (index_t i = 0; i < z.nodes; ++i, ++node) {
-        u.context = {"zone", static_cast<index_t>(k + 1), "node", i + 1};
-        rd.reals(g.x.data() + node * g.ndim, g.ndim, scratch);
-      }
-      for (index_t i = 0; i < z.faces; ++i, ++face) {
-        u.context = {"zone", static_cast<index_t>(k + 1), "face", i + 1};
-        int* cells = g.ifcell.data() + 2 * face;
-        rd.record(g.npf(face + 1), io::lazyseq<int>{g.ifnode.data() + face * width, &g.npf(face + 1), width},
-                  cells[0], cells[1]);
-      }
+  typedfile tf(file, f, false);
+  grid g = readcounts(tf);
+  int width = 0;
+  for (const auto& z : g.zones) width = std::max(width, z.mnpf);
+  const index_t nodes = g.totalnodes(), faces = g.totalfaces();
+  // A node record of a binary file without coordinates takes no bytes: nothing to read or store.
+  const std::int64_t noderecord = tf.text ? (g.ndim > 0 ? 2 : 1) : tf.markers() + g.ndim * (tf.wide ? 8 : 4);
+  const std::int64_t facerecord = tf.text ? 2 : tf.markers() + 12;
+  tf.prove("the zone counts' " + num(nodes) + " nodes", nodes, noderecord, 0);
+  tf.prove("the zone counts' " + num(faces) + " faces", faces, facerecord,
+           static_cast<big>(nodes) * g.ndim * 8 + static_cast<big>(faces) * (12 + 4 * width));
+  tf.allocate(g.x, "the coordinates", g.ndim, nodes);
+  tf.allocate(g.npf, "the face node counts", faces);
+  tf.allocate(g.ifnode, "the face nodes", width, faces);
+  tf.allocate(g.ifcell, "the face cells", 2, faces);
+  index_t node = 0, face = 0;
+  for (std::size_t k = 0; k < g.zones.size(); ++k) {
+    const auto& z = g.zones[k];
+    const auto zone = static_cast<index_t>(k + 1);
+    index_t i = noderecord == 0 ? z.nodes : 0;
+    if (!tf.text && tf.wide) i = io::readfixed(tf.u, g.x.data() + node * g.ndim, g.ndim, g.ndim, i, z.nodes);
+    for (; i < z.nodes; ++i) {
+      tf.u.context = {"zone", zone, "node", i + 1};
+      tf.read(tf.values(g.x.data() + (node + i) * g.ndim, g.ndim));
     }
-    if (!text && u.remaining() > 0) invalid(u, std::to_string(u.remaining()) + " bytes follow the last zone");
-    return g;
-  });
+    node += z.nodes;
+    index_t j = tf.text ? face
+                        : io::readfaces(tf.u, g.npf.data(), g.ifnode.data(), width, g.ifcell.data(), 2,
+                                        face + 1, face + z.faces + 1) -
+                              1;
+    for (; j < face + z.faces; ++j) {
+      tf.u.context = {"zone", zone, "face", j - face + 1};
+      const io::lazyseq<int> nodelist{g.ifnode.data() + j * width, &g.npf(j + 1), width};
+      tf.check(io::readwith(tf.u, tf.text, [&](auto& s) {
+        layout::face(s, g.npf(j + 1), nodelist, g.ifcell(1, j + 1), g.ifcell(2, j + 1));
+      }));
+    }
+    face += z.faces;
+  }
+  tf.nomore("zone");
+  return g;
 }
 
 void writegrid(const std::string& file, format f, const grid& g) {
-  io::unit u(-1);
-  u.openfile(file, formof(f.enc), true);
-  const bool text = f.enc == encoding::formatted;
-  byprecision(f, [&](auto real) {
-    using Real = decltype(real);
-    writer<Real> wr{u, text};
-    wr.record(g.ndim, static_cast<int>(g.zones.size()), g.aux);
-    const auto counts = [&](auto& s) {
-      for (const auto& z : g.zones) {
-        s.item(z.nodes);
-        s.item(z.faces);
-        s.item(z.cells);
-        s.item(z.mnpf);
-        s.item(z.mfpc);
-      }
-      s.finish();
-    };
-    if (text) {
-      io::listout s(u);
-      counts(s);
-    } else {
-      io::rawout s(u);
-      counts(s);
+  const index_t width = g.ifnode.extent(1);
+  for (index_t fc = 1; fc <= g.totalfaces(); ++fc)
+    if (g.npf(fc) > width) throw error("face " + std::to_string(fc) + " has more nodes than ifnode holds");
+  typedfile tf(file, f, true);
+  const int nzones = static_cast<int>(g.zones.size());
+  io::writewith(tf.u, tf.text, [&](auto& s) { layout::gridheader(s, g.ndim, nzones, g.aux); });
+  // The zones' counts: one record, and in text one line a zone, which every reader of the family
+  // takes (a reader of one zone a statement as well as one that reads all in one).
+  const auto counts = [&](auto& s, const zonecounts& z) {
+    layout::zonecounts(s, z.nodes, z.faces, z.cells, z.mnpf, z.mfpc);
+  };
+  if (tf.text)
+    for (const auto& z : g.zones) io::writewith(tf.u, true, [&](auto& s) { counts(s, z); });
+  else
+    io::writewith(tf.u, false, [&](auto& s) {
+      for (const auto& z : g.zones) counts(s, z);
+    });
+  const index_t rows = g.x.extent(1);
+  index_t node = 0, face = 1;
+  for (const auto& z : g.zones) {
+    if (!tf.text && tf.wide)
+      io::writefixed(tf.u, g.x.data() + node * rows, rows, g.ndim, z.nodes);
+    else
+      for (index_t i = 0; i < z.nodes; ++i) tf.write(tf.values(g.x.data() + (node + i) * rows, g.ndim));
+    node += z.nodes;
+    for (index_t i = 0; i < z.faces; ++i, ++face) {
+      const int* nodes = g.ifnode.data() + (face - 1) * width;
+      if (tf.text)
+        io::writewith(tf.u, true, [&](auto& s) {
+          layout::face(s, g.npf(face), io::items(nodes, g.npf(face)), g.ifcell(1, face), g.ifcell(2, face));
+        });
+      else
+        io::writeface(tf.u, g.npf(face), nodes, &g.ifcell(1, face));
     }
-    std::vector<Real> scratch;
-    const index_t width = g.ifnode.extent(1);
-    index_t node = 0, face = 1;
-    for (const auto& z : g.zones) {
-      for (index_t i = 0; i < z.nodes; ++i, ++node)
-        wr.reals(g.x.data() + node * g.x.extent(1), g.ndim, scratch);
-      for (index_t i = 0; i < z.faces; ++i, ++face) {
-        const int n = g.npf(face);
-        if (n > width) throw error("face " + std::to_string(face) + " has more nodes than ifnode holds");
-        wr.record(n, io::items(g.ifnode.data() + (face - 1) * width, n), g.ifcell(1, face),
-                  g.ifcell(2, face));
-      }
-    }
-    return 0;
-  });
-  u.closefile();
+  }
+  tf.u.closefile();
 }
 
 // ---- restart ----------------------------------------------------------------------------------
 
 restart readrestart(const std::string& file, format f, const std::vector<int>& cellsperzone, int nvar) {
-  io::unit u(-1);
-  u.openfile(file, formof(f.enc), false);
-  const bool text = f.enc == encoding::formatted;
+  typedfile tf(file, f, false);
   const index_t ncells = total(cellsperzone);
-  return byprecision(f, [&](auto real) {
-    using Real = decltype(real);
-    reader<Real> rd{u, text};
-    restart r;
-    u.context = {"restart header record", 1};
-    if (text || std::is_same_v<Real, double>) {
-      rd.record(r.dtime, r.lastcyc, r.rstype);
-    } else {
-      Real t = 0;
-      rd.record(t, r.lastcyc, r.rstype);
-      r.dtime = t;
-    }
-    u.context = {"restart header record", 2};
-    rd.headerreals({&r.dgamma, &r.drgas});
-    u.context = {"restart header record", 3};
-    rd.headerreals({&r.dr0, &r.drm0, &r.dp0});
-    allocate(u, r.q, "the solution", std::max(nvar, 0), ncells);
-    std::vector<Real> scratch, row;
-    for (int v = 1; v <= nvar; ++v) {
-      index_t at = 0;
-      for (std::size_t z = 0; z < cellsperzone.size(); ++z) {
-        u.context = {"variable", v, "zone", static_cast<index_t>(z + 1)};
-        const int n = cellsperzone[z];
-        std::vector<double> vals(static_cast<std::size_t>(n));
-        rd.reals(vals.data(), n, scratch);
-        for (int i = 0; i < n; ++i) r.q(v, at + i + 1) = vals[static_cast<std::size_t>(i)];
-        at += n;
-      }
-    }
-    if (!text && u.remaining() > 0)
-      invalid(u, std::to_string(u.remaining()) + " bytes follow the last variable");
-    return r;
-  });
+  restart r;
+  io::reals h[6] = {tf.header(r.dtime), tf.header(r.dgamma), tf.header(r.drgas),
+                    tf.header(r.dr0),   tf.header(r.drm0),   tf.header(r.dp0)};
+  tf.check(layout::readrestartheader(tf.u, tf.text, h[0], r.lastcyc, r.rstype, h[1], h[2], h[3], h[4], h[5]));
+  nvar = std::max(nvar, 0);
+  tf.u.context = {"variable", 1};
+  const big records = static_cast<big>(nvar) * static_cast<big>(cellsperzone.size());
+  tf.prove("the grid's " + num(ncells) + " cells and " + num(nvar) + " variables", tf.text ? 0 : records,
+           tf.markers(), static_cast<big>(nvar) * ncells * 8);
+  if (!tf.text)
+    tf.prove("the values of " + num(nvar) + " variables", static_cast<big>(nvar) * ncells, tf.realbytes(), 0);
+  tf.allocate(r.q, "the solution", nvar, ncells);
+  for (int v = 1; v <= nvar; ++v) readvariable(tf, r.q, v, cellsperzone);
+  tf.nomore("variable");
+  return r;
 }
 
 void writerestart(const std::string& file, format f, const restart& r, const std::vector<int>& cellsperzone) {
   const index_t ncells = total(cellsperzone);
   if (r.q.extent(2) < ncells) throw error("the solution holds fewer cells than the zones");
-  io::unit u(-1);
-  u.openfile(file, formof(f.enc), true);
-  const bool text = f.enc == encoding::formatted;
-  byprecision(f, [&](auto real) {
-    using Real = decltype(real);
-    writer<Real> wr{u, text};
-    const auto h = [&](double d) {
-      return std::is_same_v<Real, float> ? mod_zelmgrid::detail::narrow(d) : Real(d);
-    };
-    if (text) {  // header values keep all their digits in text
-      wr.record(r.dtime, r.lastcyc, r.rstype);
-      wr.record(r.dgamma, r.drgas);
-      wr.record(r.dr0, r.drm0, r.dp0);
-    } else {
-      wr.record(h(r.dtime), r.lastcyc, r.rstype);
-      wr.record(h(r.dgamma), h(r.drgas));
-      wr.record(h(r.dr0), h(r.drm0), h(r.dp0));
-    }
-    std::vector<Real> scratch;
-    std::vector<double> vals;
-    for (index_t v = 1; v <= r.q.extent(1); ++v) {
-      index_t at = 0;
-      for (int n : cellsperzone) {
-        vals.resize(static_cast<std::size_t>(n));
-        for (int i = 0; i < n; ++i) vals[static_cast<std::size_t>(i)] = r.q(v, at + i + 1);
-        wr.reals(vals.data(), n, scratch);
-        at += n;
-      }
-    }
-    return 0;
-  });
-  u.closefile();
+  typedfile tf(file, f, true);
+  const io::creals h[6] = {tf.header(r.dtime), tf.header(r.dgamma), tf.header(r.drgas),
+                           tf.header(r.dr0),   tf.header(r.drm0),   tf.header(r.dp0)};
+  layout::writerestartheader(tf.u, tf.text, h[0], r.lastcyc, r.rstype, h[1], h[2], h[3], h[4], h[5]);
+  for (index_t v = 1; v <= r.q.extent(1); ++v) writevariable(tf, r.q, v, cellsperzone);
+  tf.u.closefile();
 }
 
 // ---- pix --------------------------------------------------------------------------------------
 
 pix readpix(const std::string& file, format f, const std::vector<int>& nodesperzone) {
-  io::unit u(-1);
-  u.openfile(file, formof(f.enc), false);
-  const bool text = f.enc == encoding::formatted;
+  typedfile tf(file, f, false);
   const index_t nnodes = total(nodesperzone);
-  return byprecision(f, [&](auto real) {
-    using Real = decltype(real);
-    reader<Real> rd{u, text};
-    pix p;
-    u.context = {"pix header record", 1};
-    rd.headerreals({&p.dvar, &p.dgamma, &p.drgas});
-    u.context = {"pix header record", 2};
-    rd.headerreals({&p.dr0, &p.drm0, &p.dp0});
-    u.context = {"pix header text"};
-    fortran::char25 t;
-    check(text ? io::aread(u, io::text(t)) : io::rawread(u, io::text(t)));
-    p.text = std::string(t.view());
-    // The fixed variables, then (when the file goes on) the free count, labels and free variables.
-    std::vector<std::vector<double>> rows;
-    std::vector<Real> scratch;
-    const auto variable = [&](int v) {
-      std::vector<double> row(static_cast<std::size_t>(nnodes));
-      index_t at = 0;
-      for (std::size_t z = 0; z < nodesperzone.size(); ++z) {
-        u.context = {"variable", v, "zone", static_cast<index_t>(z + 1)};
-        rd.reals(row.data() + at, nodesperzone[z], scratch);
-        at += nodesperzone[z];
-      }
-      rows.push_back(std::move(row));
-    };
-    for (int v = 1; v <= 6; ++v) variable(v);
-    const bool more = text ? [&] {
-      // Only blanks may follow a file without free variables.
-      while (u.fill(1)) {
-        const char c = *u.rp();
-        if (c != ' ' && c != '\n' && c != '\r' && c != '\t') return true;
-        u.consume(1);
-      }
-      return false;
-    }()
-                           : u.remaining() > 0;
-    if (more) {
-      int nfree = 0;
-      u.context = {"free-variable count"};
-      rd.record(nfree);
-      if (nfree < 0 || nfree > 100000) invalid(u, "implausible free-variable count " + std::to_string(nfree));
-      for (int k = 1; k <= nfree; ++k) {
-        u.context = {"label", k};
-        check(text ? io::aread(u, io::text(t)) : io::rawread(u, io::text(t)));
-        p.labels.emplace_back(t.view());
-      }
-      for (int v = 7; v <= 6 + nfree; ++v) variable(v);
+  pix p;
+  io::reals h[6] = {tf.header(p.dvar), tf.header(p.dgamma), tf.header(p.drgas),
+                    tf.header(p.dr0),  tf.header(p.drm0),   tf.header(p.dp0)};
+  fortran::char25 t;
+  tf.check(layout::readpixheader(tf.u, tf.text, h, t));
+  p.text = std::string(t.view());
+  const auto zones = static_cast<big>(nodesperzone.size());
+  tf.u.context = {"variable", 1};
+  tf.prove("the grid's " + num(nnodes) + " nodes", tf.text ? 0 : 6 * zones, tf.markers(),
+           static_cast<big>(6) * nnodes * 8);
+  if (!tf.text)
+    tf.prove("the values of the six fixed variables", 6 * static_cast<big>(nnodes), tf.realbytes(), 0);
+  farray<double, 2> fixed;
+  tf.allocate(fixed, "the node values", 6, nnodes);
+  for (int v = 1; v <= 6; ++v) readvariable(tf, fixed, v, nodesperzone);
+  // The free-variable count is optional: a file that ends after the fixed variables has none, and
+  // one whose count record cannot be read is taken as ending there, as the routine takes it.
+  const bool more = tf.text ? [&] {
+    while (tf.u.fill(1)) {  // only blanks may follow a file without free variables
+      const char c = *tf.u.rp();
+      if (c != ' ' && c != '\n' && c != '\r' && c != '\t') return true;
+      tf.u.consume(1);
     }
-    if (!text && u.remaining() > 0)
-      invalid(u, std::to_string(u.remaining()) + " bytes follow the last variable");
-    allocate(u, p.values, "the node values", static_cast<index_t>(rows.size()), nnodes);
-    for (std::size_t v = 0; v < rows.size(); ++v)
-      for (index_t n = 0; n < nnodes; ++n)
-        p.values(static_cast<index_t>(v) + 1, n + 1) = rows[v][static_cast<std::size_t>(n)];
+    return false;
+  }()
+                            : tf.u.remaining() > 0;
+  int nfree = 0;
+  tf.u.context = {"free-variable count"};
+  p.hasfreecount = more && io::read(tf.u, tf.text, nfree) == rstat::ok;
+  if (!p.hasfreecount) {
+    p.values = std::move(fixed);
     return p;
-  });
+  }
+  if (nfree < 0) tf.invalid("negative free-variable count " + std::to_string(nfree));
+  tf.prove("the free-variable count", nfree, tf.text ? 1 : 25 + tf.markers(),
+           static_cast<big>(6 + nfree) * nnodes * 8);
+  for (int k = 1; k <= nfree; ++k) {
+    tf.u.context = {"label", k};
+    tf.check(io::readtext(tf.u, tf.text, t));
+    p.labels.emplace_back(t.view());
+  }
+  tf.u.context = {"variable", 7};
+  if (!tf.text)
+    tf.prove("the values of " + num(nfree) + " free variables", static_cast<big>(nfree) * nnodes,
+             tf.realbytes(), 0);
+  tf.allocate(p.values, "the node values", 6 + nfree, nnodes);
+  for (index_t n = 1; n <= nnodes; ++n)
+    for (index_t v = 1; v <= 6; ++v) p.values(v, n) = fixed(v, n);
+  fixed.deallocate();
+  for (int v = 7; v <= 6 + nfree; ++v) readvariable(tf, p.values, v, nodesperzone);
+  tf.nomore("variable");
+  return p;
 }
 
 void writepix(const std::string& file, format f, const pix& p, const std::vector<int>& nodesperzone) {
@@ -424,50 +366,17 @@ void writepix(const std::string& file, format f, const pix& p, const std::vector
   const auto nvar = static_cast<index_t>(6 + p.labels.size());
   if (p.values.extent(1) < nvar || p.values.extent(2) < nnodes)
     throw error("the node values hold fewer variables or nodes than the file needs");
-  io::unit u(-1);
-  u.openfile(file, formof(f.enc), true);
-  const bool text = f.enc == encoding::formatted;
-  byprecision(f, [&](auto real) {
-    using Real = decltype(real);
-    writer<Real> wr{u, text};
-    const auto h = [&](double d) {
-      return std::is_same_v<Real, float> ? mod_zelmgrid::detail::narrow(d) : Real(d);
-    };
-    const auto label = [&](const std::string& s) {
-      const fortran::char25 t(s);
-      if (text)
-        io::linewrite(u, t.view());
-      else
-        io::rawwrite(u, t);
-    };
-    if (text) {
-      wr.record(p.dvar, p.dgamma, p.drgas);
-      wr.record(p.dr0, p.drm0, p.dp0);
-    } else {
-      wr.record(h(p.dvar), h(p.dgamma), h(p.drgas));
-      wr.record(h(p.dr0), h(p.drm0), h(p.dp0));
-    }
-    label(p.text);
-    std::vector<Real> scratch;
-    std::vector<double> vals;
-    const auto variable = [&](index_t v) {
-      index_t at = 0;
-      for (int n : nodesperzone) {
-        vals.resize(static_cast<std::size_t>(n));
-        for (int i = 0; i < n; ++i) vals[static_cast<std::size_t>(i)] = p.values(v, at + i + 1);
-        wr.reals(vals.data(), n, scratch);
-        at += n;
-      }
-    };
-    for (index_t v = 1; v <= 6; ++v) variable(v);
-    if (!p.labels.empty()) {
-      wr.record(static_cast<int>(p.labels.size()));
-      for (const auto& l : p.labels) label(l);
-      for (index_t v = 7; v <= nvar; ++v) variable(v);
-    }
-    return 0;
-  });
-  u.closefile();
+  typedfile tf(file, f, true);
+  const io::creals h[6] = {tf.header(p.dvar), tf.header(p.dgamma), tf.header(p.drgas),
+                           tf.header(p.dr0),  tf.header(p.drm0),   tf.header(p.dp0)};
+  layout::writepixheader(tf.u, tf.text, h, fortran::char25(p.text));
+  for (index_t v = 1; v <= 6; ++v) writevariable(tf, p.values, v, nodesperzone);
+  if (!p.labels.empty() || p.hasfreecount) {
+    tf.write(static_cast<int>(p.labels.size()));
+    for (const auto& l : p.labels) io::writetext(tf.u, tf.text, fortran::char25(l));
+    for (index_t v = 7; v <= nvar; ++v) writevariable(tf, p.values, v, nodesperzone);
+  }
+  tf.u.closefile();
 }
 
 }  // namespace zelm

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <string>
 
+#include "layouts.hpp"
+#include "records.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
 
 namespace mod_zelmgrid::detail {
@@ -56,13 +58,29 @@ void requirearray(bool ok, const char* routine, const std::string& what);
 // Sum of the elements of a count array, as the extent of a per-node or per-cell array.
 fortran::index_t sum(const farray<int, 1>& a);
 
-// 8-byte to 4-byte real, rounding to nearest; out of range gives an infinity, as IEEE does.
-// Inline: it runs once per value of every 8-byte file.
-inline float narrow(double d) {
-  // Values at or beyond FLT_MAX plus half its last place round to infinity.
-  constexpr double limit = static_cast<double>(FLT_MAX) + 0x1p103;
-  if (std::isfinite(d) && std::fabs(d) >= limit) return d > 0 ? INFINITY : -INFINITY;
-  return static_cast<float>(d);
+using io::narrow;
+
+// True when n values from position `col` of row `row` lie inside `a` (always for n <= 0).
+template <class T>
+bool fits(const farray<T, 2>& a, fortran::index_t row, fortran::index_t col, fortran::index_t n) {
+  return n <= 0 || (row >= 1 && row <= a.extent(1) && col >= 1 && col + n - 1 <= a.extent(2));
+}
+template <class T>
+bool fits(const farray<T, 1>& a, fortran::index_t start, fortran::index_t n) {
+  return n <= 0 || (start >= 1 && start + n - 1 <= a.extent(1));
+}
+
+// n values of row `row` from position `col`, as one item of a statement (for a const array, of
+// a write). Nothing is addressed when there are no values (the array may then be unallocated).
+template <class A>
+auto rowitems(A& a, fortran::index_t row, fortran::index_t col, fortran::index_t n) {
+  if (n <= 0) return io::items(a.data(), 0);
+  return io::items(a.data() + (row - 1) + (col - 1) * a.extent(1), n, a.extent(1));
+}
+template <class A>
+auto vectoritems(A& a, fortran::index_t start, fortran::index_t n) {
+  if (n <= 0) return io::items(a.data(), 0);
+  return io::items(a.data() + (start - 1), n);
 }
 
 // Clears the saved work arrays of the Tecplot export.

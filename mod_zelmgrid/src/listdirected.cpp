@@ -18,7 +18,7 @@
 #include <cstring>
 #include <string>
 
-#include "zelmgrid/io.hpp"
+#include "records.hpp"
 
 namespace mod_zelmgrid::io {
 

@@ -30,8 +30,10 @@
 
 namespace mod_zelmgrid {
 
+using detail::fits;
 using detail::israw;
 using detail::openbycode;
+using detail::rowitems;
 using detail::zoneplacement;
 using fortran::index_t;
 using io::rstat;
@@ -47,12 +49,6 @@ constexpr int pixlevel = 100;
 constexpr int fixedvars = 6;        // variables 1 .. 6 are always present
 constexpr int firstfreevar = 7;     // the call for this variable carries the free count and labels
 constexpr index_t labelslots = 20;  // strfree(1) .. strfree(20)
-
-// Whether node columns col .. col+n-1 of row `row` lie inside `a` (always true for no values).
-template <class T>
-bool fits(const farray<T, 2>& a, index_t row, index_t col, index_t n) {
-  return n <= 0 || (row >= 1 && row <= a.extent(1) && col >= 1 && col + n - 1 <= a.extent(2));
-}
 
 // Whether every zone with values fits node columns 1 .. cols.
 bool zonesfit(int nzones, const farray<int, 1>& nptsz, index_t cols) {
@@ -76,48 +72,19 @@ std::string shape(index_t rows, index_t cols, bool allocated) {
   return "an array of " + std::to_string(rows) + " x " + std::to_string(cols);
 }
 
-// Elements col .. col+n-1 of row `row` (n > 0, inside the array) as one item list.
-template <class T>
-io::seq<T> rowsection(farray<T, 2>& a, index_t row, index_t col, index_t n) {
-  return io::items(a.data() + (row - 1) + (col - 1) * a.extent(1), n, a.extent(1));
-}
-template <class T>
-io::seq<const T> rowsection(const farray<T, 2>& a, index_t row, index_t col, index_t n) {
-  return io::items(a.data() + (row - 1) + (col - 1) * a.extent(1), n, a.extent(1));
+// H1 to H3. A formatted file and a file of 8-byte reals give H1 and H2 straight to dvar .. dp0
+// (each item as it is read); a file of 4-byte reals gives them to h4, and the caller decides what
+// to keep. H3 goes to `string`.
+rstat readheader(io::unit& u, bool text, bool wide, float (&h4)[6]) {
+  if (!text && !wide) return layout::readpixheader(u, false, h4, string);
+  double h[6] = {dvar, dgamma, drgas, dr0, drm0, dp0};
+  const rstat st = layout::readpixheader(u, text, h, string);
+  dvar = h[0], dgamma = h[1], drgas = h[2];
+  dr0 = h[3], drm0 = h[4], dp0 = h[5];
+  return st;
 }
 
 // ---- reading ----------------------------------------------------------------------------------
-
-// One read statement of the pix readers, list-directed or unformatted.
-template <class... Items>
-rstat readrecord(io::unit& u, bool text, Items&&... its) {
-  return text ? io::listread(u, its...) : io::rawread(u, its...);
-}
-
-// One 25-character text record: edit A25 in a formatted file, 25 bytes otherwise.
-rstat readtext(io::unit& u, bool text, char25& t) {
-  return text ? io::aread(u, io::text(t)) : io::rawread(u, io::text(t));
-}
-
-// H1 to H3. A formatted file and a file of 8-byte reals give H1 and H2 straight to dvar .. dp0; a
-// file of 4-byte reals gives them to h4, and the caller decides what to keep. H3 goes to `string`.
-rstat readheader(io::unit& u, bool text, bool wide, float (&h4)[6]) {
-  rstat st;
-  u.context = {"header record", 1};
-  if (text || wide)
-    st = readrecord(u, text, dvar, dgamma, drgas);
-  else
-    st = io::rawread(u, h4[0], h4[1], h4[2]);
-  if (st != rstat::ok) return st;
-  u.context = {"header record", 2};
-  if (text || wide)
-    st = readrecord(u, text, dr0, drm0, dp0);
-  else
-    st = io::rawread(u, h4[3], h4[4], h4[5]);
-  if (st != rstat::ok) return st;
-  u.context = {"header record", 3};
-  return readtext(u, text, string);
-}
 
 // Passes over one record of n values, reading them one by one into a scratch real that is then
 // dropped (4-byte for a raw file of 4-byte reals, 8-byte otherwise). No values still takes a record.
@@ -127,7 +94,7 @@ rstat skiprecord(io::unit& u, bool text, bool wide, int n) {
     return io::rawread(u, io::items(&scratch, n, 0));
   }
   double scratch = 0;
-  return readrecord(u, text, io::items(&scratch, n, 0));
+  return io::read(u, text, io::items(&scratch, n, 0));
 }
 
 // The labels of the nfree free variables, one record each; those beyond strfree's 20 slots are
@@ -137,7 +104,7 @@ rstat readlabels(io::unit& u, bool text) {
   for (index_t k = 1; k <= nfree; ++k) {
     u.context = {"label of free variable", k};
     char25& label = k <= labelslots ? strfree(static_cast<std::size_t>(k)) : dropped;
-    const rstat st = readtext(u, text, label);
+    const rstat st = io::readtext(u, text, label);
     if (st != rstat::ok) return st;
   }
   return rstat::ok;
@@ -150,7 +117,7 @@ template <class T>
 bool readvalues(io::unit& u, bool text, farray<T, 2>& a, index_t row, index_t col, index_t n) {
   rstat st;
   if (n <= 0) {
-    st = readrecord(u, text);
+    st = io::read(u, text);
   } else {
     if (!fits(a, row, col, n)) {
       detail::outofbounds(u, std::to_string(n) + " values for node columns " + std::to_string(col) + " .. " +
@@ -158,7 +125,7 @@ bool readvalues(io::unit& u, bool text, farray<T, 2>& a, index_t row, index_t co
                                  " do not fit " + shape(a.extent(1), a.extent(2), a.allocated()));
       return false;
     }
-    st = readrecord(u, text, rowsection(a, row, col, n));
+    st = io::read(u, text, rowitems(a, row, col, n));
   }
   if (st != rstat::ok) {
     detail::readfailed();
@@ -179,59 +146,26 @@ bool zonesknown(io::unit& u, int nzones, const farray<int, 1>& nptsz, int ivar) 
 
 // ---- writing ----------------------------------------------------------------------------------
 
-// One 25-character text record: a line of exactly 25 characters (edit A25) or 25 bytes.
-void writetext(io::unit& u, bool text, const char25& t) {
-  if (text)
-    io::linewrite(u, t.view());
-  else
-    io::rawwrite(u, t);
-}
-
 // H1 to H3 from the module variables: list-directed 8-byte values, 8-byte reals, or the values
 // rounded to 4-byte reals.
 void writeheader(io::unit& u, bool text, bool wide) {
-  if (text) {
-    io::listwrite(u, dvar, dgamma, drgas);
-    io::listwrite(u, dr0, drm0, dp0);
-  } else if (wide) {
-    io::rawwrite(u, dvar, dgamma, drgas);
-    io::rawwrite(u, dr0, drm0, dp0);
-  } else {
-    io::rawwrite(u, detail::narrow(dvar), detail::narrow(dgamma), detail::narrow(drgas));
-    io::rawwrite(u, detail::narrow(dr0), detail::narrow(drm0), detail::narrow(dp0));
+  if (text || wide) {
+    const double h[6] = {dvar, dgamma, drgas, dr0, drm0, dp0};
+    return layout::writepixheader(u, text, h, string);
   }
-  writetext(u, text, string);
+  using detail::narrow;
+  const float h4[6] = {narrow(dvar), narrow(dgamma), narrow(drgas), narrow(dr0), narrow(drm0), narrow(dp0)};
+  layout::writepixheader(u, false, h4, string);
 }
 
 // The free count and the labels. Labels beyond strfree's 20 slots are written as blanks.
 void writefreecount(io::unit& u, bool text) {
-  if (text)
-    io::listwrite(u, nfree);
-  else
-    io::rawwrite(u, nfree);
+  io::write(u, text, nfree);
 }
 void writelabels(io::unit& u, bool text) {
   const char25 blank;
   for (index_t k = 1; k <= nfree; ++k)
-    writetext(u, text, k <= labelslots ? strfree(static_cast<std::size_t>(k)) : blank);
-}
-
-// One record of n values from row `row`, node columns col .. col+n-1 of `a` (the caller has
-// checked that they lie inside it); no values give an empty record.
-template <class T>
-void writevalues(io::unit& u, bool text, const farray<T, 2>& a, index_t row, index_t col, index_t n) {
-  if (n <= 0) {
-    if (text)
-      io::listwrite(u);
-    else
-      io::rawwrite(u);
-    return;
-  }
-  const auto values = rowsection(a, row, col, n);
-  if (text)
-    io::listwrite(u, values);
-  else
-    io::rawwrite(u, values);
+    io::writetext(u, text, k <= labelslots ? strfree(static_cast<std::size_t>(k)) : blank);
 }
 
 // The records of variable `ivar` (row `row` of `a`), zone by zone.
@@ -240,7 +174,7 @@ void writevariable(io::unit& u, bool text, const farray<T, 2>& a, index_t row, i
                    const farray<int, 1>& nptsz) {
   zoneplacement zp;
   for (int iz = 1; iz <= nzones; ++iz) {
-    writevalues(u, text, a, row, zp.ioff, nptsz(iz));
+    io::write(u, text, rowitems(a, row, zp.ioff, nptsz(iz)));  // no values: an empty record
     zp.advance(nptsz(iz));
   }
 }
@@ -272,7 +206,7 @@ void readzelmpixfile(const char40& filename, const int& filetype, const logical&
     }
   }
   u.context = {"free count"};
-  if (readrecord(u, text, nfree) != rstat::ok) nfree = 0;  // no free count: no free variables
+  if (io::read(u, text, nfree) != rstat::ok) nfree = 0;  // no free count: no free variables
   // The 4-byte sum wraps for a count near the largest integer rather than overflowing.
   mod_gridvars::npixvar = static_cast<int>(static_cast<std::int64_t>(nfree) + fixedvars);
 
@@ -311,7 +245,7 @@ void readzelmpixfile(const char40& filename, const int& filetype, const logical&
   }
 
   u.context = {"free count"};
-  const bool hasfree = readrecord(u, text, nfree) == rstat::ok;  // tolerated: no message
+  const bool hasfree = io::read(u, text, nfree) == rstat::ok;  // tolerated: no message
   if (hasfree) {
     if (readlabels(u, text) != rstat::ok) return detail::readfailed();
     for (std::int64_t ivar = firstfreevar; ivar <= fixedvars + static_cast<std::int64_t>(nfree); ++ivar) {
@@ -364,7 +298,7 @@ void readnextzelmpixvar(const int& ivar, const char40& filename, const int& file
 
   if (ivar == firstfreevar) {  // the free count is required here
     u.context = {"free count"};
-    if (readrecord(u, text, nfree) != rstat::ok) return detail::readfailed();
+    if (io::read(u, text, nfree) != rstat::ok) return detail::readfailed();
     if (readlabels(u, text) != rstat::ok) return detail::readfailed();
   }
   if (!zonesknown(u, nzones, nptsz, ivar)) return;

@@ -3,12 +3,12 @@
 // A framed record is a 4-byte length L, L data bytes and L again. A record longer than the largest
 // sub-record is a chain of sub-records: every leading length but the last is negated (more
 // follows) and every trailing length but the first is negated (it continues an earlier one).
+#include "records.hpp"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-
-#include "zelmgrid/io.hpp"
 
 namespace mod_zelmgrid::io {
 
@@ -216,6 +216,188 @@ void rawout::finish() {
     u_.patch(head_, &len, 4);
   }
   u_.endstatement();
+}
+
+// ---- bulk fixed-size records ------------------------------------------------------------------
+
+namespace {
+
+constexpr std::size_t marker = 4;
+
+std::int32_t load32(const char* p) {
+  std::int32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+void store32(char* p, std::int32_t v) {
+  std::memcpy(p, &v, 4);
+}
+
+}  // namespace
+
+template <class T>
+index_t readfixed(unit& u, T* dst, index_t stride, index_t rows, index_t i, index_t n) {
+  if (rows < 1 || stride < rows) return i;
+  const bool framed = u.connectedform() == form::unformatted;
+  const std::size_t payload = static_cast<std::size_t>(rows) * sizeof(T);
+  const std::size_t rec = payload + (framed ? 2 * marker : 0);
+  u.beginread();
+  while (i < n && u.fill(rec)) {
+    const char* p = u.rp();
+    const index_t m = std::min<index_t>(n - i, static_cast<index_t>(u.avail() / rec));
+    index_t done = 0;
+    if (!framed && stride == rows) {
+      std::memcpy(dst + i * stride, p, static_cast<std::size_t>(m) * payload);
+      done = m;
+    } else if (!framed) {
+      for (; done < m; ++done, p += rec) std::memcpy(dst + (i + done) * stride, p, payload);
+    } else {
+      const auto len = static_cast<std::int32_t>(payload);
+      for (; done < m; ++done, p += rec) {
+        if (load32(p) != len || load32(p + marker + payload) != len) break;
+        std::memcpy(dst + (i + done) * stride, p + marker, payload);
+      }
+    }
+    u.consume(static_cast<std::size_t>(done) * rec);
+    u.records += done;
+    i += done;
+    if (done < m) break;  // a record the statement must take
+  }
+  return i;
+}
+template index_t readfixed(unit&, float*, index_t, index_t, index_t, index_t);
+template index_t readfixed(unit&, double*, index_t, index_t, index_t, index_t);
+
+index_t readfaces(unit& u, int* npf, int* ifnode, index_t w, int* ifcell, index_t cs, index_t f,
+                  index_t fend) {
+  if (cs < 2) return f;
+  const bool framed = u.connectedform() == form::unformatted;
+  const std::size_t head = framed ? marker : 0;
+  const std::size_t most = 4 * static_cast<std::size_t>(w + 3) + 2 * head;
+  u.beginread();
+  bool irregular = false;
+  while (f < fend && !irregular && u.fill(most)) {
+    const char* const start = u.rp();
+    const char* p = start;
+    const char* const end = start + u.avail();
+    index_t done = 0;
+    while (f < fend && static_cast<std::size_t>(end - p) >= most) {
+      const std::int32_t count = load32(p + head);
+      if (count > w) {
+        irregular = true;
+        break;
+      }
+      const std::size_t k = count > 0 ? static_cast<std::size_t>(count) : 0;
+      const std::size_t payload = 4 * (k + 3);
+      if (framed && (load32(p) != static_cast<std::int32_t>(payload) ||
+                     load32(p + marker + payload) != static_cast<std::int32_t>(payload))) {
+        irregular = true;
+        break;
+      }
+      npf[f - 1] = count;
+      std::memcpy(ifnode + (f - 1) * w, p + head + 4, 4 * k);
+      std::memcpy(ifcell + cs * (f - 1), p + head + 4 + 4 * k, 8);
+      p += payload + 2 * head;
+      ++f;
+      ++done;
+    }
+    u.consume(static_cast<std::size_t>(p - start));
+    u.records += done;
+  }
+  return f;
+}
+
+template <class T>
+void writefixed(unit& u, const T* src, index_t stride, index_t rows, index_t n) {
+  const bool framed = u.connectedform() == form::unformatted;
+  const std::size_t payload = static_cast<std::size_t>(std::max<index_t>(rows, 0)) * sizeof(T);
+  const std::size_t rec = payload + (framed ? 2 * marker : 0);
+  if (rows < 1 || rec > unit::bufferlimit || (framed && payload > static_cast<std::size_t>(maxsubrecord()))) {
+    for (index_t j = 0; j < n; ++j) rawwrite(u, items(src + j * stride, rows));
+    return;
+  }
+  u.beginwrite();
+  const auto len = static_cast<std::int32_t>(payload);
+  for (index_t j = 0; j < n;) {
+    char* w = u.wspace(rec);
+    const index_t m = std::min<index_t>(n - j, static_cast<index_t>(u.wroom() / rec));
+    for (index_t e = 0; e < m; ++e, ++j) {
+      if (framed) store32(w, len);
+      std::memcpy(w + (framed ? marker : 0), src + j * stride, payload);
+      if (framed) store32(w + marker + payload, len);
+      w += rec;
+    }
+    u.wcommit(static_cast<std::size_t>(m) * rec);
+    u.records += m;
+  }
+}
+template void writefixed(unit&, const float*, index_t, index_t, index_t);
+template void writefixed(unit&, const double*, index_t, index_t, index_t);
+
+void writeface(unit& u, int n, const int* nodes, const int* cells) {
+  const bool framed = u.connectedform() == form::unformatted;
+  const std::size_t head = framed ? marker : 0;
+  const std::size_t kn = n > 0 ? static_cast<std::size_t>(n) : 0;
+  const std::size_t payload = 4 * (kn + 3);
+  if (payload + 2 * head > unit::bufferlimit ||
+      (framed && payload > static_cast<std::size_t>(maxsubrecord())) ||
+      u.connectedform() == form::formatted || !u.connected()) {
+    rawwrite(u, n, items(nodes, n), cells[0], cells[1]);
+    return;
+  }
+  // The record straight into the buffer: count, nodes, cells (with its length markers).
+  u.beginwrite();
+  char* b = u.wspace(payload + 2 * head);
+  if (framed) store32(b, static_cast<std::int32_t>(payload));
+  store32(b + head, n);
+  std::memcpy(b + head + 4, nodes, 4 * kn);
+  std::memcpy(b + head + 4 + 4 * kn, cells, 8);
+  if (framed) store32(b + head + payload, static_cast<std::int32_t>(payload));
+  u.wcommit(payload + 2 * head);
+  ++u.records;
+}
+
+// ---- the walker -------------------------------------------------------------------------------
+
+bool recordwalker::next(framedrecord& r) {
+  if (off_ >= n_ || !damage_.empty()) return false;
+  std::int64_t at = off_;
+  r = {off_, 0, off_ + 4, 0};
+  for (bool first = true;; first = false) {
+    if (at + 4 > n_) {
+      truncated_ = true;
+      damage_ = "a length marker at byte " + str(at) + " is cut short by the end of the file (" +
+                str(n_ - at) + " bytes left)";
+      return false;
+    }
+    std::int32_t lead;
+    std::memcpy(&lead, p_ + at, 4);
+    if (lead == INT32_MIN) {
+      damage_ = "the length marker at byte " + str(at) + " is " + str(lead) + ", which no record has";
+      return false;
+    }
+    const std::int64_t len = magnitude(lead);
+    if (at + 8 + len > n_) {
+      truncated_ = true;
+      damage_ = "a record at byte " + str(at) + " claims " + str(len) + " bytes with " +
+                str(std::max<std::int64_t>(n_ - at - 4, 0)) + " left";
+      return false;
+    }
+    std::int32_t trail;
+    std::memcpy(&trail, p_ + at + 4 + len, 4);
+    if (magnitude(trail) != len || (trail < 0) == first) {
+      damage_ = "the length markers at bytes " + str(at) + " and " + str(at + 4 + len) + " disagree (" +
+                str(lead) + ", " + str(trail) + ")";
+      return false;
+    }
+    r.length += len;
+    ++r.subrecords;
+    at += 8 + len;
+    if (lead >= 0) break;
+  }
+  off_ = at;
+  ++count_;
+  return true;
 }
 
 }  // namespace mod_zelmgrid::io

@@ -23,8 +23,11 @@
 
 namespace mod_zelmgrid {
 
+using detail::fits;
 using detail::israw;
 using detail::openbycode;
+using detail::rowitems;
+using detail::vectoritems;
 using detail::zoneplacement;
 using fortran::index_t;
 using io::rstat;
@@ -33,39 +36,6 @@ namespace {
 
 constexpr int readerunit = 15;
 constexpr int writerunit = 16;
-
-// True when n values from position `start` of row `row` lie inside `a` (always for n <= 0).
-template <class T>
-bool fits(const farray<T, 2>& a, index_t row, index_t start, index_t n) {
-  return n <= 0 || (row >= 1 && row <= a.extent(1) && start >= 1 && start + n - 1 <= a.extent(2));
-}
-template <class T>
-bool fits(const farray<T, 1>& a, index_t start, index_t n) {
-  return n <= 0 || (start >= 1 && start + n - 1 <= a.extent(1));
-}
-
-// n values of row `row` from position `start`, as one item of a statement. Nothing is addressed
-// when there are no values (the array may then be unallocated).
-template <class T>
-auto rowitems(farray<T, 2>& a, index_t row, index_t start, index_t n) {
-  if (n <= 0) return io::items(a.data(), 0);
-  return io::items(a.data() + (row - 1) + (start - 1) * a.extent(1), n, a.extent(1));
-}
-template <class T>
-auto rowitems(const farray<T, 2>& a, index_t row, index_t start, index_t n) {
-  if (n <= 0) return io::items(a.data(), 0);
-  return io::items(a.data() + (row - 1) + (start - 1) * a.extent(1), n, a.extent(1));
-}
-template <class T>
-auto vectoritems(farray<T, 1>& a, index_t start, index_t n) {
-  if (n <= 0) return io::items(a.data(), 0);
-  return io::items(a.data() + (start - 1), n);
-}
-template <class T>
-auto vectoritems(const farray<T, 1>& a, index_t start, index_t n) {
-  if (n <= 0) return io::items(a.data(), 0);
-  return io::items(a.data() + (start - 1), n);
-}
 
 std::string zonename(int v, int z) {
   return "variable " + std::to_string(v) + " of zone " + std::to_string(z);
@@ -76,25 +46,15 @@ std::string missingzone(int nzones, const farray<int, 1>& ncellsz) {
          " zone counts, fewer than nzones = " + std::to_string(nzones);
 }
 
-// The three header records, list-directed: the reals as 8-byte values.
-void writeheadertext(io::unit& u) {
-  io::listwrite(u, dtime, lastcyc, rstype);
-  io::listwrite(u, dgamma, drgas);
-  io::listwrite(u, dr0, drm0, dp0);
-}
-
-// The three header records, unformatted: 8-byte reals as they are, or each narrowed to 4 bytes.
-void writeheaderraw(io::unit& u, bool wide) {
-  if (wide) {
-    io::rawwrite(u, dtime, lastcyc, rstype);
-    io::rawwrite(u, dgamma, drgas);
-    io::rawwrite(u, dr0, drm0, dp0);
-  } else {
-    using detail::narrow;
-    io::rawwrite(u, narrow(dtime), lastcyc, rstype);
-    io::rawwrite(u, narrow(dgamma), narrow(drgas));
-    io::rawwrite(u, narrow(dr0), narrow(drm0), narrow(dp0));
-  }
+// The three header records from the module variables: 8-byte reals in text and in a file of
+// 8-byte reals, each narrowed to 4 bytes otherwise.
+void writeheader(io::unit& u, bool text, bool wide) {
+  using detail::narrow;
+  if (text || wide)
+    layout::writerestartheader(u, text, dtime, lastcyc, rstype, dgamma, drgas, dr0, drm0, dp0);
+  else
+    layout::writerestartheader(u, false, narrow(dtime), lastcyc, rstype, narrow(dgamma), narrow(drgas),
+                               narrow(dr0), narrow(drm0), narrow(dp0));
 }
 
 // Ends the run unless q holds every value that the variables `firstrow` .. `lastrow` of the zones
@@ -133,28 +93,16 @@ void readzelmrstrtfile(const char40& filename, const int& filetype, const logica
   // Header. Text and 8-byte reals go straight into the module variables, item by item. 4-byte
   // reals are widened into them only once all three records have been read, so a failure inside
   // the header leaves the six reals as they were (lastcyc and rstype are read in place).
-  if (filetype == formatted) {
-    u.context = {"header record", 1};
-    if (io::listread(u, dtime, lastcyc, rstype) != rstat::ok) return detail::readfailed();
-    u.context = {"header record", 2};
-    if (io::listread(u, dgamma, drgas) != rstat::ok) return detail::readfailed();
-    u.context = {"header record", 3};
-    if (io::listread(u, dr0, drm0, dp0) != rstat::ok) return detail::readfailed();
-  } else if (wide) {
-    u.context = {"header record", 1};
-    if (io::rawread(u, dtime, lastcyc, rstype) != rstat::ok) return detail::readfailed();
-    u.context = {"header record", 2};
-    if (io::rawread(u, dgamma, drgas) != rstat::ok) return detail::readfailed();
-    u.context = {"header record", 3};
-    if (io::rawread(u, dr0, drm0, dp0) != rstat::ok) return detail::readfailed();
+  const bool text = filetype == formatted;
+  if (text || wide) {
+    if (layout::readrestartheader(u, text, dtime, lastcyc, rstype, dgamma, drgas, dr0, drm0, dp0) !=
+        rstat::ok)
+      return detail::readfailed();
   } else {
     float dtime4 = 0, dgamma4 = 0, drgas4 = 0, dr04 = 0, drm04 = 0, dp04 = 0;
-    u.context = {"header record", 1};
-    if (io::rawread(u, dtime4, lastcyc, rstype) != rstat::ok) return detail::readfailed();
-    u.context = {"header record", 2};
-    if (io::rawread(u, dgamma4, drgas4) != rstat::ok) return detail::readfailed();
-    u.context = {"header record", 3};
-    if (io::rawread(u, dr04, drm04, dp04) != rstat::ok) return detail::readfailed();
+    if (layout::readrestartheader(u, false, dtime4, lastcyc, rstype, dgamma4, drgas4, dr04, drm04, dp04) !=
+        rstat::ok)
+      return detail::readfailed();
     dtime = dtime4;
     dgamma = dgamma4;
     drgas = drgas4;
@@ -190,13 +138,8 @@ void readzelmrstrtfile(const char40& filename, const int& filetype, const logica
                                           " from position " + std::to_string(s) + " do not fit q (" +
                                           std::to_string(q.extent(1)) + " x " + std::to_string(q.extent(2)) +
                                           ")");
-      rstat st;
-      if (filetype == formatted)
-        st = io::listread(u, rowitems(q, v, s, n));
-      else if (wide)
-        st = io::rawread(u, rowitems(q8, v, s, n));
-      else
-        st = io::rawread(u, rowitems(q, v, s, n));
+      const rstat st =
+          wide ? io::read(u, text, rowitems(q8, v, s, n)) : io::read(u, text, rowitems(q, v, s, n));
       if (st != rstat::ok) return detail::readfailed();
       at.advance(ncellsz(z));
     }
@@ -253,13 +196,8 @@ void readnextzelmrstrtvar(const int& ivar, const char40& filename, const int& fi
                                         " from position " + std::to_string(s) + " do not fit row 1 of q (" +
                                         std::to_string(q.extent(1)) + " x " + std::to_string(q.extent(2)) +
                                         ")");
-    rstat st;
-    if (text)
-      st = io::listread(u, rowitems(q, 1, s, n));
-    else if (wide)
-      st = io::rawread(u, vectoritems(q8, s, n));
-    else
-      st = io::rawread(u, rowitems(q, 1, s, n));
+    const rstat st =
+        wide ? io::read(u, text, vectoritems(q8, s, n)) : io::read(u, text, rowitems(q, 1, s, n));
     if (st != rstat::ok) return detail::readfailed();
     at.advance(ncellsz(z));
   }
@@ -292,10 +230,8 @@ void writezelmrstrtfile(const char40& filename, const int& filetype, const logic
   io::unit& u = io::getunit(writerunit);
   const bool wide = israw(filetype) && fortran::istrue(dblprec);
 
-  if (filetype == formatted)
-    writeheadertext(u);
-  else
-    writeheaderraw(u, wide);
+  const bool text = filetype == formatted;
+  writeheader(u, text, wide);
 
   // 8-byte values: all of q is widened before the first variable is written.
   farray<double, 2> q8;
@@ -311,13 +247,11 @@ void writezelmrstrtfile(const char40& filename, const int& filetype, const logic
       io::print("Writing Variable ", v, " in Zone ", z, "...");
       const index_t s = at.ioff;
       const index_t n = ncellsz(z);
-      if (filetype == formatted) {
-        io::listwrite(u, rowitems(q, v, s, n));
-      } else if (wide) {
+      if (wide) {
         detail::requirearray(fits(q8, v, s, n), routine, "the 8-byte copy of q could not be allocated");
         io::rawwrite(u, rowitems(std::as_const(q8), v, s, n));
       } else {
-        io::rawwrite(u, rowitems(q, v, s, n));
+        io::write(u, text, rowitems(q, v, s, n));
       }
       at.advance(ncellsz(z));
     }
@@ -344,7 +278,7 @@ void writenextzelmrstrtvar(const int& ivar, const char40& filename, const int& f
     // its own for the unit, such as fort.16).
     if (ivar == 1) {
       io::open(writerunit, filename.trimmed(), "formatted", "unknown");
-      writeheadertext(u);
+      writeheader(u, true, false);
     }
     zoneplacement at;
     for (int z = 1; z <= nzones; ++z) {
@@ -363,7 +297,7 @@ void writenextzelmrstrtvar(const int& ivar, const char40& filename, const int& f
   if (ivar == 1) fileformat = detail::formword(filetype);
   io::open(writerunit, filename.trimmed(), fileformat.trimmed(), "unknown");
   const bool wide = fortran::istrue(dblprec);
-  if (ivar == 1) writeheaderraw(u, wide);
+  if (ivar == 1) writeheader(u, false, wide);
 
   if (!wide) {
     zoneplacement at;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "records.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
 
 namespace mod_zelmgrid {

@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "records.hpp"
 #include "zelmgrid/farray.hpp"
-#include "zelmgrid/io.hpp"
 
 namespace mod_zelmgrid::io {
 
@@ -53,7 +53,7 @@ sysapi calls = realcalls;
 
 std::int32_t maxsub = 2147483639;
 std::FILE* stdoutsink = stdout;
-std::string lasterror;
+std::string lasterror;  // the numbered units' last read failure, for the routines' hosts
 
 void defaultfailure(const std::string& message) {
   std::fflush(stdout);
@@ -94,45 +94,20 @@ std::string quoted(std::string_view s) {
 }
 
 // File buffers. A large one is a whole huge page where the array type uses them (first-touching it
-// costs one fault instead of 512), and 1 MiB of 4 KiB pages otherwise. The buffer of a unit that is
-// disconnected is kept for the next connection, so that opening file after file reuses memory that
-// is already touched.
+// costs one fault instead of 512), and 1 MiB of 4 KiB pages otherwise. A unit keeps its buffer
+// when it is disconnected, so that a routine that opens its unit call after call reuses memory that
+// is already touched; nothing is shared between units.
 std::size_t largebuffer() {
   return fortran::hugepages ? hugepage : unit::bufferlimit;
 }
 
-struct sparebuffer {
-  char* p = nullptr;
-  std::size_t cap = 0;
-};
-sparebuffer spares[2];  // one small, one large
-
-char* takebuffer(std::size_t cap) {
-  for (auto& s : spares)
-    if (s.p != nullptr && s.cap == cap) return std::exchange(s.p, nullptr);
+char* newbuffer(std::size_t cap) {
   if (cap == hugepage && fortran::hugepages) {
     void* p = std::aligned_alloc(hugepage, hugepage);
     if (p != nullptr) madvise(p, hugepage, MADV_HUGEPAGE);
     return static_cast<char*>(p);
   }
   return static_cast<char*>(std::malloc(cap));
-}
-
-void givebuffer(char* p, std::size_t cap) {
-  if (p == nullptr) return;
-  sparebuffer& s = spares[cap > smallbuffer ? 1 : 0];
-  std::free(s.p);
-  s = {p, cap};
-}
-
-// A disconnected unit's buffer: kept for the next connection when it has one of the usual sizes.
-// The spares serve the table's units only: a standalone unit (number -1) allocates and frees its
-// own, so that threads that each use units of their own share nothing.
-void releasebuffer(char* p, std::size_t cap, bool pooled) {
-  if (pooled && (cap == largebuffer() || cap == smallbuffer))
-    givebuffer(p, cap);
-  else
-    std::free(p);
 }
 
 }  // namespace
@@ -215,9 +190,14 @@ unit::~unit() {
   std::free(buf_);
 }
 
-void unit::failure(const std::string& message) const {
-  if (number_ < 0) throw ioerror(message);
+void unit::failure(const std::string& message, const char* operation, int err) const {
+  if (number_ < 0) throw ioerror(message, path_, operation, err);
   fail(message);
+}
+
+void unit::throwreaderror() const {
+  throw zelm::readerror(lastread.message, path_, formname(form_), lastread.record, lastread.offset,
+                        lastread.cause);
 }
 
 void unit::oserror(const char* action, int err) {
@@ -227,16 +207,13 @@ void unit::oserror(const char* action, int err) {
   // The file is in no known state: the connection is dropped (buffered data with it) before the
   // failure is reported, so that a host whose handler throws finds the unit closed and can go on.
   abandon();
-  failure(message);
+  failure(message, action, err);
 }
 
 void unit::abandon() {
   if (fd_ >= 0) (void)calls.close(fd_);
   fd_ = -1;
   if (!tostdout_) {
-    releasebuffer(buf_, cap_, number_ >= 0);
-    buf_ = nullptr;
-    cap_ = 0;
     form_ = form::none;
     path_.clear();
     dev_ = ino_ = 0;
@@ -248,9 +225,31 @@ void unit::abandon() {
   rpos_ = rend_ = wlen_ = 0;
 }
 
-void unit::openfile(std::string_view file, form f, bool create) {
+void unit::openfile(const std::string& file, form f, bool create) {
   if (connected()) disconnect();
-  connect(std::string(file), f, create);  // the name exactly as given: trailing blanks are part of it
+  connect(file, f, create);
+}
+
+// A standalone unit's file: opened without waiting (a FIFO with no writer would block), then
+// refused unless it is a regular file, so that a device, pipe or folder never reaches a reader.
+int unit::openregular(const std::string& name, bool create) {
+  const int fd =
+      calls.open(name.c_str(), (create ? O_RDWR | O_CREAT : O_RDONLY) | O_CLOEXEC | O_NONBLOCK, 0666);
+  if (fd < 0) {
+    const int e = errno;
+    failure("cannot open " + quoted(name) + (create ? " for writing: " : ": ") + std::strerror(e), "open", e);
+  }
+  struct stat sb {};
+  const int err = ::fstat(fd, &sb) != 0 ? errno : S_ISREG(sb.st_mode) ? 0 : -1;
+  if (err == 0 && ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0) return fd;
+  (void)calls.close(fd);
+  if (err > 0) failure("cannot open " + quoted(name) + ": " + std::strerror(err), "open", err);
+  const char* what = S_ISDIR(sb.st_mode)                          ? "a folder"
+                     : S_ISFIFO(sb.st_mode)                       ? "a pipe or FIFO"
+                     : S_ISCHR(sb.st_mode) || S_ISBLK(sb.st_mode) ? "a device"
+                     : S_ISSOCK(sb.st_mode)                       ? "a socket"
+                                                                  : "not a regular file";
+  failure(quoted(name) + " is " + what + ", not a regular file", "open", 0);
 }
 
 void unit::closefile() {
@@ -259,33 +258,20 @@ void unit::closefile() {
 
 void unit::connect(const std::string& name, form f, bool create) {
   const std::string on = number_ < 0 ? "" : " on unit " + std::to_string(number_);
-  if (name.empty()) failure("cannot open a file with an empty name" + on);
-  struct stat sb {};
-  const bool exists = ::stat(name.c_str(), &sb) == 0;
-  if (!create && !exists)
-    failure("cannot open " + quoted(name) + on + " as " + formname(f) +
-            " (status \"old\"): " + std::strerror(ENOENT));
-  if (exists && S_ISDIR(sb.st_mode))
-    failure("cannot open " + quoted(name) + on + ": " + std::strerror(EISDIR));
-  int fd = calls.open(name.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
-  if (fd < 0 && !create && (errno == EACCES || errno == EROFS))
-    fd = calls.open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);  // readable only: enough for reading
-  if (fd < 0)
-    failure("cannot open " + quoted(name) + on + " as " + formname(f) + " (status " +
-            (create ? "\"unknown\"" : "\"old\"") + "): " + std::strerror(errno));
+  if (name.empty()) failure("cannot open a file with an empty name" + on, "open");
+  const int fd = number_ < 0 ? openregular(name, create) : openbyname(name, f, create, on);
   if (tostdout_) {  // unit 6 leaves standard output for the file
     tostdout_ = false;
     std::free(buf_);
     buf_ = nullptr;
+    cap_ = 0;
   }
   struct stat fb {};
   if (::fstat(fd, &fb) == 0) {
     dev_ = fb.st_dev;
     ino_ = fb.st_ino;
   }
-  buf_ = nullptr;  // allocated by the first transfer
-  cap_ = 0;
-  fd_ = fd;
+  fd_ = fd;  // the buffer the unit had stays for this file
   form_ = f;
   path_ = name;
   rpos_ = rend_ = wlen_ = 0;
@@ -295,17 +281,33 @@ void unit::connect(const std::string& name, form f, bool create) {
   records = lines = 0;
 }
 
+int unit::openbyname(const std::string& name, form f, bool create, const std::string& on) {
+  struct stat sb {};
+  const bool exists = ::stat(name.c_str(), &sb) == 0;
+  if (!create && !exists)
+    failure("cannot open " + quoted(name) + on + " as " + formname(f) +
+            " (status \"old\"): " + std::strerror(ENOENT));
+  if (exists && S_ISDIR(sb.st_mode))
+    failure("cannot open " + quoted(name) + on + ": " + std::strerror(EISDIR), "open", EISDIR);
+  int fd = calls.open(name.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
+  if (fd < 0 && !create && (errno == EACCES || errno == EROFS))
+    fd = calls.open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);  // readable only: enough for reading
+  if (fd < 0)
+    failure("cannot open " + quoted(name) + on + " as " + formname(f) + " (status " +
+            (create ? "\"unknown\"" : "\"old\"") + "): " + std::strerror(errno));
+  return fd;
+}
+
 // Replaces the buffer by one that holds at least n bytes: the small one for a first transfer that
 // fits it, the large one otherwise. What the buffer holds moves along.
 void unit::grow(std::size_t n) {
   const std::size_t large = largebuffer();
   const std::size_t cap = buf_ == nullptr && n <= smallbuffer ? smallbuffer : std::max(n, large);
-  char* p = number_ >= 0 && (cap == large || cap == smallbuffer) ? takebuffer(cap)
-                                                                 : static_cast<char*>(std::malloc(cap));
-  if (p == nullptr) failure("out of memory for the buffer of " + quoted(path_));
+  char* p = newbuffer(cap);
+  if (p == nullptr) failure("out of memory for the buffer of " + quoted(path_), "allocate", ENOMEM);
   const std::size_t live = mode_ == mode::writing ? wlen_ : rend_;
   if (live > 0) std::memcpy(p, buf_, live);
-  releasebuffer(buf_, cap_, number_ >= 0);
+  std::free(buf_);
   buf_ = p;
   cap_ = cap;
 }
@@ -464,9 +466,6 @@ void unit::disconnect() {
     }
     fd_ = -1;
   }
-  releasebuffer(buf_, cap_, number_ >= 0);
-  buf_ = nullptr;
-  cap_ = 0;
   form_ = form::none;
   path_.clear();
   dev_ = ino_ = 0;
@@ -592,7 +591,9 @@ void setreaderror(unit& u, rstat st, std::int64_t offset, const std::string& rea
   if (u.connected()) m += " at byte " + std::to_string(offset);
   m += ": " + reason;
   (void)st;
-  lasterror = std::move(m);
+  const bool text = u.connectedform() == form::formatted;
+  u.lastread = {text ? u.lines + 1 : u.records, offset, reason, std::move(m)};
+  if (u.number() >= 0) lasterror = u.lastread.message;
 }
 
 }  // namespace detail

@@ -1,4 +1,5 @@
 // The fuzz targets' entry points: decode the leading bytes, write the file, call the routine.
+#include "records.hpp"
 #include "fuzzentries.hpp"
 
 #include <fcntl.h>

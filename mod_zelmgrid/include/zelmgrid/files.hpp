@@ -1,5 +1,7 @@
 // Typed access to grid, restart and pix files for new code: whole files in memory, each zone at its
-// own place, values held as 8-byte reals, failures thrown as zelm::error, no module state.
+// own place, values held as 8-byte reals, failures thrown as zelm::error (zelm::readerror for a
+// located read failure, zelm::ioerror for one of the operating system), no module state: calls on
+// different files may run on different threads at once.
 //
 // The records and encodings are those of the routines in mod_zelmgrid.hpp, through the same
 // encoding layer; the differences are deliberate:
@@ -14,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "zelmgrid/error.hpp"
 #include "zelmgrid/farray.hpp"
 
 namespace zelm {
@@ -27,12 +30,6 @@ const char* encodingname(encoding e);
 struct format {
   encoding enc = encoding::unformatted;
   bool dblprec = false;  // 8-byte reals on disk (formatted: 17 significant digits)
-};
-
-// A file that cannot be read or written; the message names the file, the record, the byte offset
-// and the cause.
-struct error : std::runtime_error {
-  using std::runtime_error::runtime_error;
 };
 
 struct zonecounts {
@@ -66,6 +63,8 @@ struct pix {
   double dvar = 0, dgamma = 0, drgas = 0, dr0 = 0, drm0 = 0, dp0 = 0;
   std::string text;                 // header text, 25 characters
   std::vector<std::string> labels;  // one 25-character label per free variable
+  bool hasfreecount = false;        // the file holds the free-variable count record (written when
+                                    // true even for no free variables; always with labels)
   farray<double, 2> values;         // (6 + free variables, nodes of all zones)
 };
 

@@ -1,38 +1,23 @@
-// The encoding layer: numbered units that stay connected between calls, and the read and write
-// statements of the three encodings.
+// Connections to files for the routines: numbered units that stay connected between calls, the
+// handler of run-ending failures, and the settings of the encodings.
 //
 //   "unformatted"  records framed by 4-byte lengths, split into sub-records past the largest
 //                  sub-record length, as a Fortran runtime writes sequential unformatted files;
 //   "binary"       the same items back to back, unframed;
 //   "formatted"    list-directed text, plus whole lines written as given (format-directed).
 //
-// A statement is one call: rawread(u, a, b, seq(p, n)) reads one record into a, b and n elements
-// from p. Items are stored as they are transferred, so a failure leaves the earlier items set.
-// Reads return a status; a failed open, write or close ends the run through the failure handler.
+// The statements that read and write records are internal to the library (src/records.hpp).
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <stdexcept>
 #include <string>
 #include <string_view>
-#include <type_traits>
 
-#include "zelmgrid/farray.hpp"
-#include "zelmgrid/fortran.hpp"
+#include "zelmgrid/error.hpp"
 
 namespace mod_zelmgrid::io {
-
-using fortran::index_t;
-
-enum class form : std::uint8_t { none, formatted, unformatted, binary };
-const char* formname(form f);
-
-// Outcome of a read statement: end of file and error are the two failure branches.
-enum class rstat : int { ok = 0, end = -1, error = 1 };
 
 // ---- run-ending failures and program stop ---------------------------------------------------
 
@@ -44,14 +29,11 @@ using failurehandler = void (*)(const std::string& message);
 failurehandler setfailurehandler(failurehandler h);  // returns the handler it replaces
 [[noreturn]] void fail(const std::string& message);
 
+// What the typed interface throws where a numbered unit would end the run.
+using ioerror = zelm::ioerror;
+
 // Called when a routine stops the program (after printing its message). The default flushes and
 // closes every unit and exits with status 0, as a plain STOP does.
-// What a standalone unit (one outside the table, see unit) throws where a numbered unit would end
-// the run.
-struct ioerror : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
 using stophandler = void (*)();
 stophandler setstophandler(stophandler h);
 [[noreturn]] void stop();
@@ -81,112 +63,6 @@ std::int32_t maxsubrecord();
 // Where list-directed output to standard output (unit 6) goes; nullptr discards it.
 void setstdout(std::FILE* f);
 
-// ---- units ----------------------------------------------------------------------------------
-
-// Context of the record being transferred, named in error messages ("zone 2 face 17").
-struct what {
-  const char* a = nullptr;
-  index_t i = 0;
-  const char* b = nullptr;
-  index_t j = 0;
-};
-
-// A connection to a file. Numbered units live in a table (getunit) and end the run on a failed
-// open, write or close; a standalone unit (number -1), owned by its user, throws ioerror instead and
-// closes its file when destroyed.
-class unit {
- public:
-  explicit unit(int number);
-  ~unit();
-
-  // Standalone units: connect to a file (create: make it when missing) and disconnect.
-  void openfile(std::string_view file, form f, bool create);
-  void closefile();
-  // A run-ending failure of this unit: io::fail for numbered units, ioerror for standalone ones.
-  [[noreturn]] void failure(const std::string& message) const;
-  unit(const unit&) = delete;
-  unit& operator=(const unit&) = delete;
-
-  int number() const { return number_; }
-  bool connected() const { return fd_ >= 0 || tostdout_; }
-  form connectedform() const { return form_; }
-  const std::string& file() const { return path_; }
-  std::int64_t position() const {
-    return bufstart_ + static_cast<std::int64_t>(mode_ == mode::writing ? wlen_ : rpos_);
-  }
-
-  what context;  // set by a routine before a statement, for error messages
-
-  // -- used by the statements --
-  enum class mode : std::uint8_t { idle, reading, writing };
-
-  // Reading: make n bytes available at rp(); false when the file ends first.
-  bool fill(std::size_t n) { return rend_ - rpos_ >= n || refill(n); }
-  std::size_t avail() const { return rend_ - rpos_; }
-  const char* rp() const { return buf_ + rpos_; }
-  void consume(std::size_t n) { rpos_ += n; }
-  std::size_t readbulk(void* dst, std::size_t n);  // copies up to n bytes; fewer at end of file
-  std::int64_t remaining() const;                  // bytes from the position to the end of the file
-  void beginread() {
-    if (mode_ != mode::reading) switchtoread();
-  }
-
-  // Writing: room for n bytes (n no larger than bufferlimit) at wp().
-  char* wspace(std::size_t n) {
-    if (cap_ - wlen_ < n) makeroom(n);
-    return buf_ + wlen_;
-  }
-  void wcommit(std::size_t n) { wlen_ += n; }
-  std::size_t wroom() const { return cap_ - wlen_; }  // bytes wspace gives without flushing
-  void writebulk(const void* src, std::size_t n);
-  void patch(std::int64_t offset, const void* src, std::size_t n);  // overwrite bytes already written
-  void beginwrite() {
-    if (mode_ != mode::writing || !truncated_) switchtowrite();
-  }
-  void endstatement();  // standard output: hand the line over
-
-  // A file's buffer starts small, for files that are only dipped into (a header), and is replaced
-  // by a large one once the file is streamed. Transfers up to bufferlimit go through it.
-  static constexpr std::size_t bufferlimit = std::size_t{1} << 20;
-  std::size_t capacity() const { return cap_; }
-  std::int64_t records = 0;  // statements begun since open or rewind
-  std::int64_t lines = 0;    // formatted: line ends consumed since open or rewind
-
- private:
-  friend void open(int, std::string_view, std::string_view, std::string_view);
-  friend void close(int);
-  friend void rewind(int);
-  friend void flush(int);
-  friend unit& getunit(int);
-  bool refill(std::size_t n);
-  void makeroom(std::size_t n);
-  void grow(std::size_t n);
-  void connect(const std::string& name, form f, bool create);
-  void switchtoread();
-  void switchtowrite();
-  void flushwrites();
-  void disconnect();
-  [[noreturn]] void oserror(const char* action, int err);  // drops the connection, then fails
-  void abandon();  // closes the file without flushing or reporting, and releases the buffer
-
-  int number_;
-  int fd_ = -1;
-  bool tostdout_ = false;
-  form form_ = form::none;
-  std::string path_;
-  std::uint64_t dev_ = 0, ino_ = 0;
-  char* buf_ = nullptr;
-  std::size_t cap_ = 0;
-  std::size_t rpos_ = 0, rend_ = 0;  // reading window
-  std::size_t wlen_ = 0;             // bytes waiting to be written
-  std::int64_t bufstart_ = 0;        // file offset of buf_[0]
-  mode mode_ = mode::idle;
-  bool truncated_ = false;  // the file was ended at the write position since the last repositioning
-};
-
-// The unit with this number (created unconnected on first use; 6 is standard output).
-unit& getunit(int number);
-
 // Connects a unit to a file. form is "formatted", "unformatted" or "binary" (trailing blanks and
 // case ignored); status "old" requires the file to exist, "unknown" creates it when missing. A unit
 // already connected to the same file keeps its connection and position; one connected to another
@@ -200,313 +76,5 @@ bool isconnected(int unit);
 
 // Text of the last read failure: file, encoding, record, byte offset and cause.
 const std::string& lastreaderror();
-
-// ---- items ----------------------------------------------------------------------------------
-
-// n elements from p, each `stride` elements apart (an array section).
-template <class T>
-struct seq {
-  T* p;
-  index_t n;
-  index_t stride = 1;
-};
-template <class T>
-seq<T> items(T* p, index_t n, index_t stride = 1) {
-  return {p, n, stride};
-}
-
-// Elements whose count is an item read earlier in the same statement (a face's node count). A
-// count above `max` is an error of the read, so that nothing is stored past the destination.
-template <class T>
-struct lazyseq {
-  T* p;
-  const int* n;
-  index_t max;
-};
-
-// A fixed-length text item.
-struct textref {
-  char* p;
-  std::size_t n;
-};
-template <std::size_t N>
-textref text(fortran::ftext<N>& t) {
-  return {t.data(), N};
-}
-
-namespace detail {
-void setreaderror(unit& u, rstat st, std::int64_t offset, const std::string& reason);
-std::int64_t statementoffset(const unit& u);
-}  // namespace detail
-
-// ---- unformatted read: framed records ("unformatted") or unframed stream ("binary") ----------
-
-class rawin {
- public:
-  explicit rawin(unit& u);
-  rstat status() const { return st_; }
-
-  template <class T>
-  requires std::is_arithmetic_v<T>
-  void item(T& v) { get(&v, sizeof v, sizeof v); }
-  template <class T>
-  void item(const seq<T>& s) {
-    if (s.n <= 0) return;
-    if (s.stride == 1) {
-      get(s.p, static_cast<std::size_t>(s.n) * sizeof(T), sizeof(T));
-      return;
-    }
-    // A section with a stride: the elements that lie whole in the buffer (and in the record) go
-    // straight to their places; one element at a time where the buffer or a sub-record ends.
-    index_t k = 0;
-    while (k < s.n && st_ == rstat::ok) {
-      std::size_t have = u_.avail();
-      if (framed_ && static_cast<std::int64_t>(have) > left_) have = static_cast<std::size_t>(left_);
-      const index_t m = std::min<index_t>(s.n - k, static_cast<index_t>(have / sizeof(T)));
-      if (m == 0) {
-        get(s.p + k * s.stride, sizeof(T), sizeof(T));
-        ++k;
-        continue;
-      }
-      const char* src = u_.rp();
-      T* dst = s.p + k * s.stride;
-      constexpr auto size = static_cast<index_t>(sizeof(T));
-      for (index_t i = 0; i < m; ++i) std::memcpy(dst + i * s.stride, src + i * size, sizeof(T));
-      const auto bytes = static_cast<std::int64_t>(m) * static_cast<std::int64_t>(sizeof(T));
-      u_.consume(static_cast<std::size_t>(bytes));
-      left_ -= bytes;
-      taken_ += bytes;
-      k += m;
-    }
-  }
-  template <class T>
-  void item(const lazyseq<T>& s) {
-    if (st_ != rstat::ok) return;
-    if (*s.n > s.max) return toomany(*s.n, s.max);
-    item(seq<T>{s.p, *s.n, 1});
-  }
-  void item(const textref& t) { get(t.p, t.n, t.n); }
-
-  rstat finish();
-
- private:
-  // Transfers `bytes` bytes of elements of `elem` bytes each.
-  void get(void* dst, std::size_t bytes, std::size_t elem) {
-    if (st_ != rstat::ok) return;
-    if ((!framed_ || static_cast<std::int64_t>(bytes) <= left_) && u_.avail() >= bytes) {
-      std::memcpy(dst, u_.rp(), bytes);
-      u_.consume(bytes);
-      left_ -= static_cast<std::int64_t>(bytes);
-      taken_ += static_cast<std::int64_t>(bytes);
-      return;
-    }
-    slowget(static_cast<char*>(dst), bytes, elem);
-  }
-  void slowget(char* dst, std::size_t bytes, std::size_t elem);
-  bool nextsubrecord();
-  bool readmarker(std::int32_t& m, bool leading);
-  bool endsubrecord();
-  void toomany(int n, index_t max);
-  void failwith(rstat st, const std::string& reason);
-
-  unit& u_;
-  bool framed_ = false;
-  rstat st_ = rstat::ok;
-  std::int64_t left_ = 0;   // data bytes left in the current sub-record
-  bool more_ = false;       // further sub-records follow
-  bool first_ = true;       // the current sub-record is the record's first
-  std::int32_t lead_ = 0;   // leading marker of the current sub-record
-  std::int64_t start_ = 0;  // file offset where the statement began
-  std::int64_t taken_ = 0;  // data bytes transferred so far
-};
-
-template <class... Items>
-rstat rawread(unit& u, Items&&... its) {
-  rawin s(u);
-  (s.item(its), ...);
-  return s.finish();
-}
-
-// ---- unformatted write --------------------------------------------------------------------
-
-class rawout {
- public:
-  explicit rawout(unit& u);
-
-  template <class T>
-  requires std::is_arithmetic_v<T>
-  void item(const T& v) { put(&v, sizeof v); }
-  template <class T>
-  void item(const seq<T>& s) {
-    if (s.n <= 0) return;
-    if (s.stride == 1) {
-      put(s.p, static_cast<std::size_t>(s.n) * sizeof(T));
-      return;
-    }
-    // A section with a stride: gathered straight into the buffer, as many elements at a time as
-    // the buffer (and the sub-record) has room for.
-    index_t k = 0;
-    while (k < s.n) {
-      u_.wspace(sizeof(T));
-      std::size_t room = u_.wroom();
-      if (framed_ && static_cast<std::int64_t>(room) > room_) room = static_cast<std::size_t>(room_);
-      const index_t m = std::min<index_t>(s.n - k, static_cast<index_t>(room / sizeof(T)));
-      if (m == 0) {
-        put(s.p + k * s.stride, sizeof(T));
-        ++k;
-        continue;
-      }
-      char* w = u_.wspace(static_cast<std::size_t>(m) * sizeof(T));
-      const T* src = s.p + k * s.stride;
-      constexpr auto size = static_cast<index_t>(sizeof(T));
-      for (index_t i = 0; i < m; ++i) std::memcpy(w + i * size, src + i * s.stride, sizeof(T));
-      u_.wcommit(static_cast<std::size_t>(m) * sizeof(T));
-      room_ -= static_cast<std::int64_t>(m) * static_cast<std::int64_t>(sizeof(T));
-      k += m;
-    }
-  }
-  template <std::size_t N>
-  void item(const fortran::ftext<N>& t) {
-    put(t.data(), N);
-  }
-  void finish();
-
- private:
-  void put(const void* src, std::size_t bytes) {
-    if ((!framed_ || static_cast<std::int64_t>(bytes) <= room_) && bytes <= unit::bufferlimit) {
-      char* w = u_.wspace(bytes);
-      std::memcpy(w, src, bytes);
-      u_.wcommit(bytes);
-      room_ -= static_cast<std::int64_t>(bytes);
-      return;
-    }
-    slowput(static_cast<const char*>(src), bytes);
-  }
-  void slowput(const char* src, std::size_t bytes);
-  void splitsubrecord();
-
-  unit& u_;
-  bool framed_ = false;
-  std::int64_t head_ = 0;  // file offset of the current sub-record's leading marker
-  std::int64_t room_ = 0;  // bytes the current sub-record can still take
-  bool first_ = true;
-};
-
-template <class... Items>
-void rawwrite(unit& u, const Items&... its) {
-  rawout s(u);
-  (s.item(its), ...);
-  s.finish();
-}
-
-// ---- list-directed read ---------------------------------------------------------------------
-
-class listin {
- public:
-  explicit listin(unit& u);
-  rstat status() const { return st_; }
-
-  void item(int& v) { value(&v, kind::i4); }
-  void item(float& v) { value(&v, kind::r4); }
-  void item(double& v) { value(&v, kind::r8); }
-  template <class T>
-  void item(const seq<T>& s) {
-    for (index_t k = 0; k < s.n && st_ == rstat::ok && !ended_; ++k) {
-      item(s.p[k * s.stride]);
-      // The rest of a repeat r*c takes the value just read, copied rather than parsed again, so
-      // that a short text such as 2000000000*1.5 costs no more than the elements it fills (and
-      // nothing for a stride of 0, where every element is the same one).
-      if (repeat_ > 0 && st_ == rstat::ok && k + 1 < s.n) {
-        const index_t m = repeat_ < s.n - k - 1 ? repeat_ : s.n - k - 1;
-        if (!repeatnull_ && s.stride != 0)
-          for (index_t j = 1; j <= m; ++j) s.p[(k + j) * s.stride] = s.p[k * s.stride];
-        repeat_ -= m;
-        k += m;
-      }
-    }
-  }
-  template <class T>
-  void item(const lazyseq<T>& s) {
-    if (st_ != rstat::ok || ended_) return;
-    if (*s.n > s.max) return toomany(*s.n, s.max);
-    item(seq<T>{s.p, *s.n, 1});
-  }
-
-  rstat finish();
-
- private:
-  enum class kind : std::uint8_t { i4, r4, r8 };
-  void value(void* dst, kind k);
-  void parse(std::string_view tok, void* dst, kind k);
-  void toomany(int n, index_t max);
-  void failwith(rstat st, const std::string& reason);
-
-  unit& u_;
-  rstat st_ = rstat::ok;
-  bool ended_ = false;       // a slash ended the record
-  bool sepallowed_ = false;  // a comma now separates values rather than marking a null value
-  bool took_ = false;        // the statement asked for at least one value
-  index_t repeat_ = 0;       // values still to come from an r*c repeat
-  bool repeatnull_ = false;  // the repeat is of null values (r*)
-  std::string tok_;          // the repeated value's text
-  std::int64_t start_ = 0;   // file offset where the statement began
-};
-
-template <class... Items>
-rstat listread(unit& u, Items&&... its) {
-  listin s(u);
-  (s.item(its), ...);
-  return s.finish();
-}
-
-// Format-directed read of one line with the edit descriptor A (the text's length): the line's
-// first characters, blank-padded; the rest of the line is passed over.
-rstat aread(unit& u, const textref& t);
-
-// ---- list-directed and format-directed write ------------------------------------------------
-
-class listout {
- public:
-  explicit listout(unit& u);
-  void item(int v);
-  void item(float v);
-  void item(double v);
-  void item(std::string_view s);
-  void item(const char* s) { item(std::string_view(s)); }
-  template <std::size_t N>
-  void item(const fortran::ftext<N>& t) {
-    item(t.view());
-  }
-  template <class T>
-  void item(const seq<T>& s) {
-    for (index_t k = 0; k < s.n; ++k) item(s.p[k * s.stride]);
-  }
-  void finish();
-
- private:
-  void field(const char* p, std::size_t n, bool separate);
-  unit& u_;
-  bool lastchar_ = false;  // the previous item was a text
-  bool any_ = false;
-};
-
-template <class... Items>
-void listwrite(unit& u, const Items&... its) {
-  listout s(u);
-  (s.item(its), ...);
-  s.finish();
-}
-
-// A list-directed line on standard output (unit 6).
-template <class... Items>
-void print(const Items&... its) {
-  listwrite(getunit(6), its...);
-}
-
-// One formatted record written exactly as given (the output of a format-directed write).
-void linewrite(unit& u, std::string_view line);
-
-// Format edit Iw: the integer right-aligned in w columns, or w asterisks when it does not fit.
-void editi(std::string& out, int w, std::int64_t v);
 
 }  // namespace mod_zelmgrid::io

@@ -1,4 +1,4 @@
-#include "detect.hpp"
+#include "zelmgrid/detect.hpp"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -13,7 +13,9 @@
 #include <numeric>
 #include <sstream>
 
-namespace zelmtool {
+#include "records.hpp"
+
+namespace zelm {
 
 namespace {
 
@@ -23,11 +25,15 @@ using std::int64_t;
 class mapped {
  public:
   explicit mapped(const std::string& path) {
-    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd_ < 0) throw zelm::error("cannot open \"" + path + "\": " + std::strerror(errno));
+    // Without waiting for a writer (a FIFO), and only a regular file.
+    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd_ < 0)
+      throw zelm::ioerror("cannot open \"" + path + "\": " + std::strerror(errno), path, "open", errno);
     struct stat sb {};
-    if (::fstat(fd_, &sb) != 0 || !S_ISREG(sb.st_mode))
+    if (::fstat(fd_, &sb) != 0 || !S_ISREG(sb.st_mode)) {
+      ::close(fd_);
       throw zelm::error("\"" + path + "\" is not a regular file");
+    }
     size_ = static_cast<std::size_t>(sb.st_size);
     if (size_ > 0) {
       void* p = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd_, 0);
@@ -71,41 +77,20 @@ struct record {
   int64_t data;    // offset of its first data byte
 };
 
-// Walks the file as framed records; empty result with `why` when it is not one.
-std::vector<record> framedrecords(const mapped& m, std::string& why) {
+// Walks the file as framed records; empty result with `why` when it is not one. A file whose
+// records are well formed up to a last one that the end cuts short is a truncated framed file:
+// its whole records are returned, and `truncated` says where they end.
+std::vector<record> framedrecords(const mapped& m, std::string& why, std::string& truncated) {
   std::vector<record> out;
-  const auto n = static_cast<int64_t>(m.size());
-  int64_t off = 0;
-  while (off < n) {
-    record r{off, 0, off + 4};
-    bool first = true;
-    for (;;) {
-      if (off + 4 > n) {
-        why = "a length marker at byte " + num(off) + " is cut short by the end of the file";
-        return {};
-      }
-      const auto lead = m.at<std::int32_t>(static_cast<std::size_t>(off));
-      const int64_t len = lead < 0 ? -static_cast<int64_t>(lead) : lead;
-      if (lead == INT32_MIN || off + 8 + len > n) {
-        why = "the length marker at byte " + num(off) + " (" + std::to_string(lead) +
-              ") points past the end of the file";
-        return {};
-      }
-      const auto trail = m.at<std::int32_t>(static_cast<std::size_t>(off + 4 + len));
-      const int64_t tlen = trail < 0 ? -static_cast<int64_t>(trail) : trail;
-      if (tlen != len || (trail < 0) == first) {
-        why = "the length markers at bytes " + num(off) + " and " + num(off + 4 + len) + " disagree (" +
-              std::to_string(lead) + ", " + std::to_string(trail) + ")";
-        return {};
-      }
-      r.length += len;
-      off += 8 + len;
-      first = false;
-      if (lead >= 0) break;
-    }
-    out.push_back(r);
+  mod_zelmgrid::io::recordwalker w(m.data(), m.size());
+  for (mod_zelmgrid::io::framedrecord r; w.next(r);) out.push_back({r.offset, r.length, r.data});
+  if (w.damage().empty()) return out;
+  why = w.damage();
+  if (w.truncated() && out.size() >= 2) {
+    truncated = "framed records up to byte " + num(w.end()) + ", then " + w.damage() + ": truncated";
+    return out;
   }
-  return out;
+  return {};
 }
 
 bool istext(const mapped& m) {
@@ -159,7 +144,7 @@ void framedgrid(const mapped& m, const std::vector<record>& rs, detection& d) {
     }
     for (int i = 0; i < nf && r < rs.size(); ++i, ++r) {
       const int npf = rs[r].length >= 4 ? m.at<int>(static_cast<std::size_t>(rs[r].data)) : -1;
-      if (rs[r].length != 4LL * (std::max(npf, 0) + 3))
+      if (rs[r].length != 4 * (std::max<int64_t>(npf, 0) + 3))
         d.problems.push_back("record " + num(static_cast<int64_t>(r + 1)) + " (zone " +
                              std::to_string(k + 1) + " face " + num(i + 1) + ") holds " + num(rs[r].length) +
                              " bytes, not a face");
@@ -277,7 +262,7 @@ bool binarygrid(const mapped& m, int w) {
       if (off + 4 > n) return false;
       const int npf = m.at<int>(static_cast<std::size_t>(off));
       if (npf < 0 || npf > std::max(mnpf, 64)) return false;
-      off += 4LL * (npf + 3);
+      off += 4 * (static_cast<int64_t>(npf) + 3);
     }
     if (off > n) return false;
   }
@@ -509,15 +494,22 @@ detection detect(const std::string& path, const zelm::grid* grid) {
     d.evidence.push_back("the file is empty");
     return d;
   }
-  std::string why;
-  const auto rs = framedrecords(m, why);
+  std::string why, truncated;
+  const auto rs = framedrecords(m, why, truncated);
   if (!rs.empty()) {
     d.encodingknown = true;
     d.enc = zelm::encoding::unformatted;
-    d.evidence.push_back(
-        "framed records: " + num(static_cast<int64_t>(rs.size())) +
-        " records whose leading and trailing length markers all agree, ending exactly at byte " +
-        num(static_cast<int64_t>(m.size())));
+    if (!truncated.empty()) {
+      d.truncated = true;
+      d.problems.push_back(truncated);
+      d.evidence.push_back("framed records: the first " + num(static_cast<int64_t>(rs.size())) +
+                           " records' leading and trailing length markers agree");
+    } else {
+      d.evidence.push_back(
+          "framed records: " + num(static_cast<int64_t>(rs.size())) +
+          " records whose leading and trailing length markers all agree, ending exactly at byte " +
+          num(static_cast<int64_t>(m.size())));
+    }
     if (rs[0].length == 12 && rs.size() >= 2 &&
         rs[1].length == 20LL * m.at<int>(static_cast<std::size_t>(rs[0].data + 4)))
       framedgrid(m, rs, d);
@@ -548,4 +540,4 @@ detection detect(const std::string& path, const zelm::grid* grid) {
   return d;
 }
 
-}  // namespace zelmtool
+}  // namespace zelm
