@@ -1,9 +1,9 @@
 // List-directed output: the text of each value as gfortran 12 writes it with WRITE (u, *), and
 // the values read back unchanged. The tables hold the lines gfortran wrote for their values; the
-// random values are checked against a model of the same rules built on std::to_chars' digits.
+// random values are checked against a model of the same rules built on std::to_chars' digits
+// (zt::listreal, which the other suites use for the text they expect).
 // tests/test_listgfortran.cpp compares whole files with a gfortran program's.
 #include <cfloat>
-#include <charconv>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -126,40 +126,6 @@ void expecttable(const written<T> (&table)[N]) {
   for (std::size_t i = 0; i < N; ++i) EXPECT_EQ(lines[i], table[i].line) << "entry " << i;
 }
 
-// The rules of gfortran's list-directed reals, on the digits of std::to_chars: 9 or 17
-// significant digits; fixed form for zero and 0.1 <= |v| < 10^digits, right-aligned in 12 or 20
-// columns and followed by 4 or 5 blanks; otherwise the exponent form with 2 or 3 exponent digits,
-// right-aligned in 16 or 25 columns. The line is a blank and the field.
-template <class T>
-std::string modelline(T v) {
-  constexpr bool four = sizeof(T) == 4;
-  constexpr int digits = four ? 9 : 17, width = four ? 16 : 25, fixedwidth = four ? 12 : 20;
-  std::string text;
-  if (std::isnan(v)) {
-    text = "NaN";
-  } else if (std::isinf(v)) {
-    text = v < 0 ? "-Infinity" : "Infinity";
-  } else {
-    char b[64];
-    const auto r = std::to_chars(b, b + sizeof b, std::fabs(v), std::chars_format::scientific, digits - 1);
-    std::string ds = std::string(1, b[0]) + std::string(b + 2, b + digits + 1);  // the digits alone
-    int q = 0;
-    const char* e = b + digits + 2;
-    std::from_chars(*e == '+' ? e + 1 : e, r.ptr, q);
-    if (v == 0) q = 0;
-    const std::string sign = std::signbit(v) ? "-" : "";
-    if (q >= -1 && q < digits) {
-      const std::string fixed =
-          sign + (q < 0 ? "0." + ds : ds.substr(0, static_cast<std::size_t>(q + 1)) + "." + ds.substr(q + 1));
-      return " " + std::string(fixedwidth - fixed.size(), ' ') + fixed + std::string(width - fixedwidth, ' ');
-    }
-    char exponent[8];
-    std::snprintf(exponent, sizeof exponent, "%0*d", four ? 2 : 3, q < 0 ? -q : q);
-    text = sign + ds.substr(0, 1) + "." + ds.substr(1) + "E" + (q < 0 ? "-" : "+") + exponent;
-  }
-  return " " + std::string(width - text.size(), ' ') + text;
-}
-
 template <class T>
 std::vector<T> samples(std::size_t random) {
   using bitsof = std::conditional_t<std::is_same_v<T, float>, std::uint32_t, std::uint64_t>;
@@ -193,9 +159,9 @@ void checkmodelandreadback(const std::vector<T>& values) {
   ASSERT_EQ(lines.size(), values.size());
   std::size_t wrong = 0;
   for (std::size_t i = 0; i < values.size(); ++i) {
-    if (lines[i] == modelline(values[i])) continue;
+    if (lines[i] == zt::listreal(values[i])) continue;
     if (++wrong <= 10)
-      ADD_FAILURE() << "value " << i << ": \"" << lines[i] << "\", expected \"" << modelline(values[i])
+      ADD_FAILURE() << "value " << i << ": \"" << lines[i] << "\", expected \"" << zt::listreal(values[i])
                     << "\"";
   }
   EXPECT_EQ(wrong, 0u);
@@ -233,8 +199,8 @@ TEST_F(listformat, IntegersAsGfortranWritesThem) {
 }
 
 TEST_F(listformat, TheModelAgreesWithTheTables) {
-  for (const auto& w : fourbyte) EXPECT_EQ(modelline(w.value), w.line);
-  for (const auto& w : eightbyte) EXPECT_EQ(modelline(w.value), w.line);
+  for (const auto& w : fourbyte) EXPECT_EQ(zt::listreal(w.value), w.line);
+  for (const auto& w : eightbyte) EXPECT_EQ(zt::listreal(w.value), w.line);
 }
 
 TEST_F(listformat, FourByteRealsFollowTheModelAndReadBack) {
