@@ -4,11 +4,13 @@
 // after a separator is a null value (the item keeps its value); a slash ends the record early. A
 // statement starts on a fresh line and discards the rest of the last line it used.
 //
-// Output: a record starts with one blank; integers take 11 columns, 4-byte reals 15 (9 significant
-// digits) and 8-byte reals 23 (17 digits), each after a separating blank, so that every value reads
-// back unchanged. A record stays on one line however long it is: readers that take fewer values
-// than a record holds skip the rest of that line, so a continued record would put its tail where
-// the next record is expected.
+// Output: the characters gfortran's list-directed output writes, so that the family's Fortran
+// tools and this library write the same files. Every item starts with a blank (the record's
+// first one too) except a text that follows a text; texts are written as they are, integers take
+// 11 columns, 4-byte reals 16 (9 significant digits) and 8-byte reals 25 (17 digits), so that
+// every value reads back unchanged (see realfield). A record stays on one line however long it
+// is, as gfortran's do: readers that take fewer values than a record holds skip the rest of that
+// line, so a continued record would put its tail where the next record is expected.
 #include <algorithm>
 #include <array>
 #include <charconv>
