@@ -118,6 +118,14 @@ void writevalues(const values& v, const std::string& file) {
   zt::writefile(file, b.b);
 }
 
+// The reference program writes the values to gfortran.txt, or with "stdout" to gfortran.out.
+void referencewrites(const values& v, const std::string& where) {
+  writevalues(v, "values.bin");
+  const std::string cmd = std::string(ZELM_FORTRAN_DIR) + "/fortran_listref values.bin gfortran.txt " +
+                          where + " > gfortran.out 2> gfortran.err";
+  ASSERT_EQ(std::system(cmd.c_str()), 0) << zt::readfile("gfortran.err");
+}
+
 // The records of a kind as the reference writes them: the edge cases one to a record, then all
 // values in records of 1, 10, 100, 100000 and the rest.
 template <class T, class F>
@@ -181,10 +189,7 @@ class listgfortran : public zt::zelmtest {
 
 TEST_F(listgfortran, FilesAreTheBytesGfortranWrites) {
   const values v = makevalues();
-  writevalues(v, "values.bin");
-  const std::string cmd = std::string(ZELM_FORTRAN_DIR) +
-                          "/fortran_listref values.bin gfortran.txt > gfortran.out 2> gfortran.err";
-  ASSERT_EQ(std::system(cmd.c_str()), 0) << zt::readfile("gfortran.err");
+  ASSERT_NO_FATAL_FAILURE(referencewrites(v, ""));
 
   io::open(21, "ours.txt", "formatted", "unknown");
   io::unit& u = io::getunit(21);
@@ -229,10 +234,7 @@ TEST_F(listgfortran, FilesAreTheBytesGfortranWrites) {
 
 TEST_F(listgfortran, StandardOutputIsTheBytesGfortranWrites) {
   const values v = makevalues();
-  writevalues(v, "values.bin");
-  const std::string cmd = std::string(ZELM_FORTRAN_DIR) +
-                          "/fortran_listref values.bin gfortran.txt stdout > gfortran.out 2> gfortran.err";
-  ASSERT_EQ(std::system(cmd.c_str()), 0) << zt::readfile("gfortran.err");
+  ASSERT_NO_FATAL_FAILURE(referencewrites(v, "stdout"));
   const std::string ours = zt::capturestdout([&] {
     writemixed(io::getunit(6), v);
     io::print(io::items(v.x4.data(), 100000));

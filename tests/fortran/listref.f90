@@ -14,7 +14,7 @@ program listref
   implicit none
   integer, parameter :: uin = 20, u = 21
   character(len=4096) :: valuesfile, outfile, where
-  integer :: ne4, n4, ne8, n8, nei, ni, i
+  integer :: ne4, n4, ne8, n8, nei, ni, i, s, b(6)
   real(4), allocatable :: x4(:)
   real(8), allocatable :: x8(:)
   integer, allocatable :: k(:)
@@ -38,15 +38,24 @@ program listref
   do i = 1, ne4
     write (u, *) x4(i)
   end do
-  call chunks4(x4)
+  b = starts(n4)
+  do s = 1, 5
+    write (u, *) x4(b(s):b(s + 1) - 1)
+  end do
   do i = 1, ne8
     write (u, *) x8(i)
   end do
-  call chunks8(x8)
+  b = starts(n8)
+  do s = 1, 5
+    write (u, *) x8(b(s):b(s + 1) - 1)
+  end do
   do i = 1, nei
     write (u, *) k(i)
   end do
-  call chunksi(k)
+  b = starts(ni)
+  do s = 1, 5
+    write (u, *) k(b(s):b(s + 1) - 1)
+  end do
 
   call mixed(u)
   close (u)
@@ -77,40 +86,16 @@ contains
     write (v, *) ' # of boundary faces: ', k(4)
   end subroutine mixed
 
-  subroutine chunks4(x)
-    real(4), intent(in) :: x(:)
-    integer :: sizes(5), s, pos, m
-    sizes = [1, 10, 100, 100000, size(x)]
-    pos = 1
+  ! Where the records of 1, 10, 100 and 100000 values and the rest start, for n values; the
+  ! last entry is one past the end.
+  function starts(n)
+    integer, intent(in) :: n
+    integer :: starts(6), sizes(5), s
+    sizes = [1, 10, 100, 100000, n]
+    starts(1) = 1
     do s = 1, 5
-      m = min(sizes(s), size(x) - pos + 1)
-      write (u, *) x(pos:pos + m - 1)
-      pos = pos + m
+      starts(s + 1) = starts(s) + min(sizes(s), n - starts(s) + 1)
     end do
-  end subroutine chunks4
-
-  subroutine chunks8(x)
-    real(8), intent(in) :: x(:)
-    integer :: sizes(5), s, pos, m
-    sizes = [1, 10, 100, 100000, size(x)]
-    pos = 1
-    do s = 1, 5
-      m = min(sizes(s), size(x) - pos + 1)
-      write (u, *) x(pos:pos + m - 1)
-      pos = pos + m
-    end do
-  end subroutine chunks8
-
-  subroutine chunksi(x)
-    integer, intent(in) :: x(:)
-    integer :: sizes(5), s, pos, m
-    sizes = [1, 10, 100, 100000, size(x)]
-    pos = 1
-    do s = 1, 5
-      m = min(sizes(s), size(x) - pos + 1)
-      write (u, *) x(pos:pos + m - 1)
-      pos = pos + m
-    end do
-  end subroutine chunksi
+  end function starts
 
 end program listref
