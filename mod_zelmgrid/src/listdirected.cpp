@@ -84,7 +84,7 @@ struct bignum {
     for (int i = b - 1; i >= b - 64; --i) hi = (hi << 1) | (bit(i) ? 1 : 0);
     for (int i = b - 65; i >= b - 128; --i) lo = (lo << 1) | (bit(i) ? 1 : 0);
     bool rest = false;
-    for (int i = 0; i < b - 128; ++i) rest = rest || bit(i);
+    for (int i = 0; i < b - 128 && !rest; ++i) rest = bit(i);
     return {hi, lo, b - 128, !rest};
   }
 };
