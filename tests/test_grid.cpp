@@ -412,7 +412,7 @@ TEST_F(gridfiles, WriterIgnoresThePrecisionFlagForFormattedFiles) {
   g.write("r8.txt", formatted, 1);
   const std::string r4 = zt::readfile("r4.txt");
   EXPECT_EQ(r4, zt::readfile("r8.txt"));
-  EXPECT_NE(r4.find("  1.43333328E+00"), std::string::npos);  // 9 digits of the 4-byte real
+  EXPECT_NE(r4.find("   1.43333328    "), std::string::npos);  // 9 digits of the 4-byte real, fixed form
 }
 
 // The writer leaves unit 4 connected in every encoding; the caller closes it.
@@ -503,12 +503,13 @@ TEST_F(gridfiles, FormattedAndBinaryBytesOfAOneFaceGrid) {
   g.ifcell.allocate(2, 1);
   g.npf(1) = 2, g.ifnode(1, 1) = 1, g.ifnode(2, 1) = 2, g.ifcell(1, 1) = 1, g.ifcell(2, 1) = -1;
   g.write("g.txt", formatted, 0);
-  // Nine significant digits of the 4-byte values: -2.5e-7f is -2.49999999e-7, 3.5e12f 3.49999989e12.
+  // Nine significant digits of the 4-byte values, as gfortran writes them: fixed form from 0.1 up,
+  // exponent form for -2.5e-7f (-2.49999999e-7) and 3.5e12f (3.49999989e12).
   EXPECT_EQ(zt::readfile("g.txt"),
             "           2           1           5\n"
             "           2           1           1           2           3\n"
-            "  5.00000000E-01  1.50000000E+00\n"
-            " -2.49999999E-07  3.49999989E+12\n"
+            "  0.500000000       1.50000000    \n"
+            "  -2.49999999E-07   3.49999989E+12\n"
             "           2           1           2           1          -1\n");
   g.write("g.dat", binary, 0);
   EXPECT_EQ(zt::readfile("g.dat"), bytes()

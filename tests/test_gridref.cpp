@@ -193,8 +193,11 @@ TEST_F(gfortranreference, ExactMultipleOfTheSubrecordLengthAgreesWithTheDocument
   EXPECT_EQ(markers, (std::vector<std::int32_t>{-12, 12, -12, -12, -12, -12, -12, -12, 12, -12}));
 }
 
-// Formatted files are text: not the same characters as gfortran's, but each reads the other's.
-TEST_F(gfortranreference, FormattedFilesAreReadBothWays) {
+// Formatted files are read both ways, and are the characters gfortran writes: the same bytes for
+// one zone. For several, gfortran's reference writes one zone's counts per line where the writer
+// puts all zones' counts in one record; a list-directed integer takes the same 12 characters
+// wherever it stands, so the files differ only by the line ends between those lines.
+TEST_F(gfortranreference, FormattedFilesAreGfortransAndAreReadBothWays) {
   const auto g = zt::refgrid(3);
   gfortranwrites("gridref", formatted, false, 3, "gfortran.txt");  // one line per zone's counts
   zt::grid r;
@@ -206,6 +209,17 @@ TEST_F(gfortranreference, FormattedFilesAreReadBothWays) {
   // statement, as the header reader does.
   g.write("ours.txt", formatted, 0);
   EXPECT_EQ(gfortranreads("gridref", formatted, false, "ours.txt"), zt::dump(g, false));
+
+  std::string theirs = zt::readfile("gfortran.txt");
+  std::size_t at = theirs.find('\n');  // the end of the header line
+  for (int k = 1; k < 3; ++k) theirs.erase(at = theirs.find('\n', at + 1), 1);
+  EXPECT_EQ(zt::readfile("ours.txt"), theirs);
+
+  zt::refgrid(1).write("ours1.txt", formatted, 0);
+  gfortranwrites("gridref", formatted, false, 1, "gfortran1.txt");
+  const std::string one = zt::readfile("ours1.txt");
+  EXPECT_EQ(one, zt::readfile("gfortran1.txt"));
+  EXPECT_NE(one.find("   1.43333328    "), std::string::npos);  // a 4-byte real in fixed form
 }
 
 // scipy.io.FortranFile reads the framed files of the writer.

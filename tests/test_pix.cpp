@@ -786,21 +786,22 @@ TEST_F(pixfiles, FormattedHeaderLinesCarryFullEightByteValuesAndDataLinesFourByt
   src.allocate(7, 2);
   for (int v = 1; v <= 7; ++v)
     for (int c = 1; c <= 2; ++c) src(v, c) = static_cast<float>(v) + static_cast<float>(c) / 4;
-  src(2, 1) = 0.1f;  // 9 significant digits: 1.00000001E-01
+  src(2, 1) = 0.1f;  // 9 significant digits: 0.100000001
   writezelmpixfile("p.txt", formatted, 1, 1, nptsz, src);
+  // The real records as gfortran's list-directed output writes them.
   const std::string want =
-      "  5.0000000000000000E-01  1.3999999999999999E+00 -2.0000000000000000E+00\n"
-      "  1.0000000000000000E-03  2.5000000000000000E-01  3.3333333333333331E-01\n"
+      "  0.50000000000000000        1.3999999999999999       -2.0000000000000000     \n"
+      "   1.0000000000000000E-003  0.25000000000000000       0.33333333333333331     \n"
       "Mach 0.5 run, cycle 1200 \n"
-      "  1.25000000E+00  1.50000000E+00\n"
-      "  1.00000001E-01  2.50000000E+00\n"
-      "  3.25000000E+00  3.50000000E+00\n"
-      "  4.25000000E+00  4.50000000E+00\n"
-      "  5.25000000E+00  5.50000000E+00\n"
-      "  6.25000000E+00  6.50000000E+00\n"
+      "   1.25000000       1.50000000    \n"
+      "  0.100000001       2.50000000    \n"
+      "   3.25000000       3.50000000    \n"
+      "   4.25000000       4.50000000    \n"
+      "   5.25000000       5.50000000    \n"
+      "   6.25000000       6.50000000    \n"
       "           1\n"
       "pressure coefficient     \n"
-      "  7.25000000E+00  7.50000000E+00\n";
+      "   7.25000000       7.50000000    \n";
   EXPECT_EQ(zt::readfile("p.txt"), want);
 }
 

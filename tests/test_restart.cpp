@@ -255,16 +255,19 @@ TEST_F(restart, FormattedTextOfTheWriter) {
     q(1, p) = static_cast<float>(p) * 0.5f, q(2, p) = static_cast<float>(p) * -1.25f;
   io::setstdout(nullptr);
   writezelmrstrtfile("r.txt", formatted, 1, 2, ncellsz, q);
-  // Each record starts a line with one blank; 8-byte reals in 23 columns, integers in 11 and
-  // 4-byte reals in 15, each after a blank; a record stays on one line however long.
+  // The text gfortran's list-directed output gives the same records: each item after a blank,
+  // 8-byte reals in 25 columns, integers in 11 and 4-byte reals in 16, mid-range reals in fixed
+  // form; a record stays on one line however long.
   const std::string expect =
-      "  5.0000000000000000E-01           7          -2\n"
-      "  1.5000000000000000E+00 -2.2500000000000000E+00\n"
-      "  1.0000000000000000E+10  0.0000000000000000E+00  3.0000000000000000E+00\n"
-      "  5.00000000E-01  1.00000000E+00\n"
-      "  5.00000000E-01  1.00000000E+00  1.50000000E+00  2.00000000E+00  2.50000000E+00  3.00000000E+00\n"
-      " -1.25000000E+00 -2.50000000E+00\n"
-      " -1.25000000E+00 -2.50000000E+00 -3.75000000E+00 -5.00000000E+00 -6.25000000E+00 -7.50000000E+00\n";
+      "  0.50000000000000000                7          -2\n"
+      "   1.5000000000000000       -2.2500000000000000     \n"
+      "   10000000000.000000        0.0000000000000000        3.0000000000000000     \n"
+      "  0.500000000       1.00000000    \n"
+      "  0.500000000       1.00000000       1.50000000       2.00000000       2.50000000       3.00000000    "
+      "\n"
+      "  -1.25000000      -2.50000000    \n"
+      "  -1.25000000      -2.50000000      -3.75000000      -5.00000000      -6.25000000      -7.50000000    "
+      "\n";
   EXPECT_EQ(zt::readfile("r.txt"), expect);
 }
 
@@ -641,7 +644,7 @@ TEST_F(restart, WritenextForVariableTwoBeforeOneInFormattedWritesIntoWhatUnitSix
   writenextzelmrstrtvar(2, "r.txt", formatted, 0, 1, ncellsz, q);
   EXPECT_FALSE(std::filesystem::exists("r.txt"));  // no header, no open: the values join other.txt
   io::close(16);
-  EXPECT_EQ(zt::readfile("other.txt"), "written by someone else\n  5.00000000E-01  1.00000000E+00\n");
+  EXPECT_EQ(zt::readfile("other.txt"), "written by someone else\n  0.500000000       1.00000000    \n");
 }
 
 TEST_F(restart, FormattedWritenextOpensOnlyForVariableOne) {

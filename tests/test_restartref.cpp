@@ -297,8 +297,8 @@ TEST_P(reference_bytes, BothWritersWriteTheBytesFortranWrites) {
 }
 
 INSTANTIATE_TEST_SUITE_P(encodings, reference_bytes,
-                         ::testing::Combine(::testing::Values(unformatted, binary), ::testing::Values(0, 1),
-                                            ::testing::Values(0, 1)),
+                         ::testing::Combine(::testing::Values(unformatted, formatted, binary),
+                                            ::testing::Values(0, 1), ::testing::Values(0, 1)),
                          paramname);
 
 namespace {

@@ -277,7 +277,7 @@ TEST_F(tecplottyped, LeavesTheModuleStateAsItWas) {
   EXPECT_FALSE(mod_zelmgrid::io::isconnected(10));
   EXPECT_TRUE(zt::services().allocstatuses.empty());  // no checkallocationerror
   // npixvar and numrstrtvar play no part: six values a node whatever they say.
-  EXPECT_EQ(zt::lines(zt::readfile("t.plt"))[3].size(), 9u * 24u);  // x y z and six values, 24 columns each
+  EXPECT_EQ(zt::lines(zt::readfile("t.plt"))[3].size(), 9u * 26u);  // x y z and six values, 26 columns each
   // Called again: the same file, where writetecplotfile's second call finds its arrays allocated.
   const std::string first = zt::readfile("t.plt");
   zelm::writetecplot("t.plt", g);

@@ -4,11 +4,13 @@
 // after a separator is a null value (the item keeps its value); a slash ends the record early. A
 // statement starts on a fresh line and discards the rest of the last line it used.
 //
-// Output: a record starts with one blank; integers take 11 columns, 4-byte reals 15 (9 significant
-// digits) and 8-byte reals 23 (17 digits), each after a separating blank, so that every value reads
-// back unchanged. A record stays on one line however long it is: readers that take fewer values
-// than a record holds skip the rest of that line, so a continued record would put its tail where
-// the next record is expected.
+// Output: the characters gfortran's list-directed output writes, so that the family's Fortran
+// tools and this library write the same files. Every item starts with a blank (the record's
+// first one too) except a text that follows a text; texts are written as they are, integers take
+// 11 columns, 4-byte reals 16 (9 significant digits) and 8-byte reals 25 (17 digits), so that
+// every value reads back unchanged (see realfield). A record stays on one line however long it
+// is, as gfortran's do: readers that take fewer values than a record holds skip the rest of that
+// line, so a continued record would put its tail where the next record is expected.
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -42,10 +44,12 @@ bool isseparator(char c) {
 
 __extension__ using u128 = unsigned __int128;
 
-// 10^k = (m + d) * 2^e with 2^63 <= m < 2^64 and 0 <= d < 1, for k = -kneg .. kpos.
+// 10^k = (hi * 2^64 + lo + d) * 2^e with 2^63 <= hi < 2^64 and 0 <= d < 1, for k = -kneg .. kpos;
+// exact when d is 0 (the powers that fit in 128 bits).
 struct powerten {
-  std::uint64_t m;
+  std::uint64_t hi, lo;
   int e;
+  bool exact;
 };
 constexpr int kneg = 300, kpos = 345;
 
@@ -72,12 +76,16 @@ struct bignum {
     while (n > 1 && w[n - 1] == 0) --n;
   }
   int bits() const { return 32 * (n - 1) + (32 - __builtin_clz(w[n - 1])); }
-  // The 64 bits from the top, and how far down the lowest of them lies.
+  bool bit(int i) const { return i >= 0 && ((w[i / 32] >> (i % 32)) & 1) != 0; }
+  // The 128 bits from the top, how far down the lowest of them lies, and whether they are all.
   powerten top() const {
     const int b = bits();
-    std::uint64_t m = 0;
-    for (int i = b - 1; i >= b - 64; --i) m = (m << 1) | (i >= 0 ? (w[i / 32] >> (i % 32)) & 1 : 0);
-    return {m, b - 64};
+    std::uint64_t hi = 0, lo = 0;
+    for (int i = b - 1; i >= b - 64; --i) hi = (hi << 1) | (bit(i) ? 1 : 0);
+    for (int i = b - 65; i >= b - 128; --i) lo = (lo << 1) | (bit(i) ? 1 : 0);
+    bool rest = false;
+    for (int i = 0; i < b - 128 && !rest; ++i) rest = bit(i);
+    return {hi, lo, b - 128, !rest};
   }
 };
 
@@ -86,7 +94,7 @@ const powerten* powerstable() {
     static powerten t[kneg + kpos + 1];
     bignum up;  // 10^k
     up.w[0] = 1;
-    t[kneg] = {std::uint64_t{1} << 63, -63};
+    t[kneg] = up.top();
     for (int k = 1; k <= kpos; ++k) {
       up.mul(10);
       t[kneg + k] = up.top();
@@ -97,7 +105,7 @@ const powerten* powerstable() {
     for (int k = 1; k <= kneg; ++k) {
       down.div(10);
       const powerten p = down.top();
-      t[kneg - k] = {p.m, p.e - 1504};
+      t[kneg - k] = {p.hi, p.lo, p.e - 1504, false};
     }
     return t;
   }();
@@ -418,27 +426,47 @@ void beginformattedwrite(unit& u) {
   ++u.records;
 }
 
-// ---- scientific notation with a fixed number of digits ----
+// ---- reals ----
 //
-// std::to_chars gives the correctly rounded digits of any value but takes some 45 ns a value. The
-// 9 (4-byte) or 17 (8-byte) significant digits are found here from the value's binary mantissa
-// times a 64-bit approximation of a power of ten, in 128-bit integer arithmetic; the approximation
-// is known to within bounds, and where those bounds leave the rounding of the last digit open (a
-// value too near the middle between two outputs, about one 8-byte value in 60), std::to_chars
-// decides. The text is the same either way.
+// A real is written with a fixed number of significant digits, 9 for a 4-byte real and 17 for an
+// 8-byte one, correctly rounded (ties to even), in a field of 16 or 25 columns:
+//
+//   fixed form, for zero and for 0.1 <= |v| < 10^digits: the digits with the point among them
+//   ("0.500000000", "287.049988", "100000000."), right-aligned in the first 12 or 20 columns, then
+//   4 or 5 blanks;
+//   exponent form, for the others: "9.99999940E-02", "1.0000000000000000E-002" (two exponent digits
+//   for 4-byte reals, three for 8-byte ones), right-aligned in the whole field;
+//   "Infinity", "-Infinity" and "NaN", right-aligned in the whole field.
+//
+// The rounded digits say which form a value takes: next to 0.1 and 10^digits the values of each
+// kind lie further apart than the rounding step, so no value rounds across either bound.
+template <class T>
+struct realstyle;
+template <>
+struct realstyle<float> {
+  static constexpr int digits = 9, width = 16, fixedwidth = 12, exponentdigits = 2;
+};
+template <>
+struct realstyle<double> {
+  static constexpr int digits = 17, width = 25, fixedwidth = 20, exponentdigits = 3;
+};
 
-// The `digits` significant digits of mant * 2^exp2 (mant > 0), rounded to nearest, and the decimal
-// exponent of the first; false where the rounding cannot be settled here.
+// The `digits` significant digits of mant * 2^exp2 (mant > 0), rounded to nearest with ties to
+// even, and the decimal exponent of the first. They come from the mantissa times a 128-bit
+// approximation of a power of ten in integer arithmetic; false in the rare case where the
+// approximation's error leaves the rounding of the last digit open.
 bool decimaldigits(std::uint64_t mant, int exp2, int digits, std::uint64_t& out, int& q) {
   const int b = exp2 + 63 - __builtin_clzll(mant);                     // mant * 2^exp2 lies in [2^b, 2^(b+1))
   q = static_cast<int>((static_cast<std::int64_t>(b) * 78913) >> 18);  // floor(b * log10(2))
   for (int attempt = 0; attempt < 2; ++attempt) {
     const int k = digits - 1 - q;
     if (k < -kneg || k > kpos) return false;
-    const powerten p = powerstable()[kneg + k];
-    const int sh = -(exp2 + p.e);
+    const powerten& p = powerstable()[kneg + k];
+    const int sh = -(exp2 + p.e + 64);  // mant * 2^exp2 * 10^k is the product below over 2^sh
     if (sh < 2 || sh > 120) return false;
-    const u128 prod = static_cast<u128>(mant) * p.m;
+    // mant * (hi * 2^64 + lo) / 2^64, short of the exact product by less than 2.
+    const u128 prod =
+        static_cast<u128>(mant) * p.hi + static_cast<std::uint64_t>((static_cast<u128>(mant) * p.lo) >> 64);
     const std::uint64_t whole = static_cast<std::uint64_t>(prod >> sh);
     if (whole >= pow10u64[digits]) {  // the estimate of q was one short
       ++q;
@@ -446,11 +474,14 @@ bool decimaldigits(std::uint64_t mant, int exp2, int digits, std::uint64_t& out,
     }
     const u128 frac = prod & ((static_cast<u128>(1) << sh) - 1);
     const u128 half = static_cast<u128>(1) << (sh - 1);
-    const u128 slack = static_cast<u128>(mant) * 2;  // the power's error
-    // Rounds up when the fraction is above one half, down when it is below one half even with the
-    // power's error added; in between it is left open.
-    if (frac <= half && frac + slack > half) return false;
-    std::uint64_t d = whole + (frac > half ? 1 : 0);
+    bool up;
+    if (p.exact) {
+      up = frac > half || (frac == half && (whole & 1) != 0);
+    } else {
+      if (frac <= half && frac + 2 > half) return false;
+      up = frac > half;
+    }
+    std::uint64_t d = whole + (up ? 1 : 0);
     if (d < pow10u64[digits - 1]) return false;  // not expected: q is never one too high
     if (d == pow10u64[digits]) {
       d = pow10u64[digits - 1];
@@ -460,6 +491,21 @@ bool decimaldigits(std::uint64_t mant, int exp2, int digits, std::uint64_t& out,
     return true;
   }
   return false;
+}
+
+// The same digits and exponent from std::to_chars, for the values decimaldigits leaves open.
+template <class T>
+void decimaldigitsbytochars(T v, std::uint64_t& out, int& q) {
+  constexpr int digits = realstyle<T>::digits;
+  char text[48];
+  const auto r =
+      std::to_chars(text, text + sizeof text, std::fabs(v), std::chars_format::scientific, digits - 1);
+  std::uint64_t d = static_cast<std::uint64_t>(text[0] - '0');
+  for (int i = 2; i <= digits; ++i) d = 10 * d + static_cast<std::uint64_t>(text[i] - '0');
+  const char* e = text + digits + 2;  // past "d.ddd..e"
+  if (*e == '+') ++e;
+  std::from_chars(e, r.ptr, q);
+  out = d;
 }
 
 // The eight decimal digits of v < 10^8, with leading zeros.
@@ -479,28 +525,22 @@ void eightdigitstext(char* p, std::uint32_t v) {
   std::memcpy(p + 6, &pairs[2 * (lo % 100)], 2);
 }
 
-// Writes the text of v as std::to_chars(.., scientific, digits - 1) does, with E for e.
+// Writes v's separating blank and field: 1 + realstyle<T>::width characters at w.
 template <class T>
-std::size_t formatreal(char* out, T v) {
-  constexpr int digits = std::is_same_v<T, float> ? 9 : 17;
-  if (std::isnan(v)) {
-    std::memcpy(out, "NaN", 3);
-    return 3;
-  }
-  if (std::isinf(v)) {
-    const char* s = v < 0 ? "-Infinity" : "Infinity";
-    const std::size_t n = std::strlen(s);
-    std::memcpy(out, s, n);
-    return n;
-  }
+void realfield(char* w, T v) {
+  using style = realstyle<T>;
+  constexpr int digits = style::digits;
+  std::memset(w, ' ', 1 + style::width);
+  char* const end = w + 1 + style::width;
   std::uint64_t mant;
   int exp2;
-  bool negative;
+  bool negative, special;
   if constexpr (std::is_same_v<T, float>) {
     std::uint32_t bits;
     std::memcpy(&bits, &v, 4);
     negative = (bits >> 31) != 0;
     const int be = static_cast<int>((bits >> 23) & 0xff);
+    special = be == 0xff;
     mant = bits & 0x7fffff;
     if (be != 0) mant |= 0x800000;
     exp2 = (be != 0 ? be : 1) - 150;
@@ -509,39 +549,52 @@ std::size_t formatreal(char* out, T v) {
     std::memcpy(&bits, &v, 8);
     negative = (bits >> 63) != 0;
     const int be = static_cast<int>((bits >> 52) & 0x7ff);
+    special = be == 0x7ff;
     mant = bits & 0xfffffffffffffULL;
     if (be != 0) mant |= 0x10000000000000ULL;
     exp2 = (be != 0 ? be : 1) - 1075;
   }
+  if (special) {
+    const std::string_view s = std::isnan(v) ? "NaN" : negative ? "-Infinity" : "Infinity";
+    std::memcpy(end - s.size(), s.data(), s.size());
+    return;
+  }
   std::uint64_t d = 0;
   int q = 0;
-  if (mant != 0 && !decimaldigits(mant, exp2, digits, d, q)) {
-    const auto r = std::to_chars(out, out + 40, v, std::chars_format::scientific, digits - 1);
-    for (char* p = out; p < r.ptr; ++p)
-      if (*p == 'e') *p = 'E';
-    return static_cast<std::size_t>(r.ptr - out);
-  }
-  char* p = out;
-  if (negative) *p++ = '-';
-  // The first digit, the point, then the others eight at a time.
+  if (mant != 0 && !decimaldigits(mant, exp2, digits, d, q)) decimaldigitsbytochars(v, d, q);
+  char text[digits];  // the digits, the first one apart
   const std::uint64_t rest = pow10u64[digits - 1];
-  *p++ = static_cast<char>('0' + d / rest);
-  *p++ = '.';
+  text[0] = static_cast<char>('0' + d / rest);
   d %= rest;
   if constexpr (digits == 17) {
-    eightdigitstext(p, static_cast<std::uint32_t>(d / 100000000ULL));
-    p += 8;
+    eightdigitstext(text + 1, static_cast<std::uint32_t>(d / 100000000ULL));
     d %= 100000000ULL;
   }
-  eightdigitstext(p, static_cast<std::uint32_t>(d));
-  p += 8;
+  eightdigitstext(text + digits - 8, static_cast<std::uint32_t>(d));
+  if (q >= -1 && q < digits) {
+    const int length = negative + digits + 1 + (q < 0);
+    char* p = end - (style::width - style::fixedwidth) - length;
+    if (negative) *p++ = '-';
+    if (q < 0) {
+      std::memcpy(p, "0.", 2);
+      std::memcpy(p + 2, text, digits);
+    } else {
+      std::memcpy(p, text, static_cast<std::size_t>(q + 1));
+      p[q + 1] = '.';
+      std::memcpy(p + q + 2, text + q + 1, static_cast<std::size_t>(digits - 1 - q));
+    }
+    return;
+  }
+  char* p = end - (negative + digits + 3 + style::exponentdigits);
+  if (negative) *p++ = '-';
+  *p++ = text[0];
+  *p++ = '.';
+  std::memcpy(p, text + 1, digits - 1);
+  p += digits - 1;
   *p++ = 'E';
   *p++ = q < 0 ? '-' : '+';
-  const int e = q < 0 ? -q : q;
-  if (e >= 100) *p++ = static_cast<char>('0' + e / 100);
-  *p++ = static_cast<char>('0' + e / 10 % 10);
-  *p++ = static_cast<char>('0' + e % 10);
-  return static_cast<std::size_t>(p - out);
+  int e = q < 0 ? -q : q;
+  for (int i = style::exponentdigits - 1; i >= 0; --i, e /= 10) p[i] = static_cast<char>('0' + e % 10);
 }
 
 }  // namespace
@@ -556,37 +609,32 @@ void listout::field(const char* p, std::size_t n, bool separate) {
   any_ = true;
 }
 
-// A number is a separating blank (the record's leading blank for the first item) and its text
-// right-aligned in its field, written straight into the buffer.
-namespace {
-template <int Width>
-void numberfield(unit& u, const char* text, std::size_t n) {
-  char* w = u.wspace(1 + std::max<std::size_t>(n, Width));
-  const std::size_t pad = n < static_cast<std::size_t>(Width) ? Width - n : 0;
-  std::memset(w, ' ', 1 + pad);
-  std::memcpy(w + 1 + pad, text, n);
-  u.wcommit(1 + pad + n);
-}
-}  // namespace
-
+// A number is a separating blank (the record's leading blank for the first item) and its field,
+// written straight into the buffer.
 void listout::item(int v) {
   char digits[16];
   const auto r = std::to_chars(digits, digits + sizeof digits, v);
-  numberfield<11>(u_, digits, static_cast<std::size_t>(r.ptr - digits));
+  const auto n = static_cast<std::size_t>(r.ptr - digits);
+  char* w = u_.wspace(12);
+  std::memset(w, ' ', 12 - n);  // right-aligned in 11 columns: INT_MIN takes them all
+  std::memcpy(w + 12 - n, digits, n);
+  u_.wcommit(12);
   any_ = true;
   lastchar_ = false;
 }
 
 void listout::item(float v) {
-  char text[48];
-  numberfield<15>(u_, text, formatreal(text, v));
+  constexpr std::size_t n = 1 + realstyle<float>::width;
+  realfield(u_.wspace(n), v);
+  u_.wcommit(n);
   any_ = true;
   lastchar_ = false;
 }
 
 void listout::item(double v) {
-  char text[48];
-  numberfield<23>(u_, text, formatreal(text, v));
+  constexpr std::size_t n = 1 + realstyle<double>::width;
+  realfield(u_.wspace(n), v);
+  u_.wcommit(n);
   any_ = true;
   lastchar_ = false;
 }

@@ -149,14 +149,10 @@ inline zone prismwithtet() {
 
 // ---- expected text -----------------------------------------------------------------------------
 
-// A list-directed record of 8-byte reals: one line, each value in 23 columns after a blank.
+// A list-directed record of 8-byte reals: one line, each value a blank and its 25-column field.
 inline std::vector<std::string> realrecord(const std::vector<double>& v) {
   std::string line;
-  for (double x : v) {
-    char b[40];
-    std::snprintf(b, sizeof b, " %23.16E", x);
-    line += b;
-  }
+  for (double x : v) line += zt::listreal(x);
   return {line};
 }
 

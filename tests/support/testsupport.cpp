@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <charconv>
+#include <cmath>
 #include <fstream>
 #include <sstream>
 
@@ -40,6 +42,44 @@ std::vector<std::string> lines(const std::string& text) {
     start = nl + 1;
   }
   return out;
+}
+
+namespace {
+template <class T>
+std::string listrealof(T v) {
+  constexpr bool four = sizeof(T) == 4;
+  constexpr int digits = four ? 9 : 17, width = four ? 16 : 25, fixedwidth = four ? 12 : 20;
+  std::string text;
+  if (std::isnan(v)) {
+    text = "NaN";
+  } else if (std::isinf(v)) {
+    text = v < 0 ? "-Infinity" : "Infinity";
+  } else {
+    char b[64];
+    const auto r = std::to_chars(b, b + sizeof b, std::fabs(v), std::chars_format::scientific, digits - 1);
+    const std::string ds = std::string(1, b[0]) + std::string(b + 2, b + digits + 1);  // the digits alone
+    int q = 0;
+    const char* e = b + digits + 2;
+    std::from_chars(*e == '+' ? e + 1 : e, r.ptr, q);
+    const std::string sign = std::signbit(v) ? "-" : "";
+    if (q >= -1 && q < digits) {
+      const std::string fixed =
+          sign + (q < 0 ? "0." + ds : ds.substr(0, static_cast<std::size_t>(q + 1)) + "." + ds.substr(q + 1));
+      return " " + std::string(fixedwidth - fixed.size(), ' ') + fixed + std::string(width - fixedwidth, ' ');
+    }
+    char exponent[8];
+    std::snprintf(exponent, sizeof exponent, "%0*d", four ? 2 : 3, q < 0 ? -q : q);
+    text = sign + ds.substr(0, 1) + "." + ds.substr(1) + "E" + (q < 0 ? "-" : "+") + exponent;
+  }
+  return " " + std::string(width - text.size(), ' ') + text;
+}
+}  // namespace
+
+std::string listreal(float v) {
+  return listrealof(v);
+}
+std::string listreal(double v) {
+  return listrealof(v);
 }
 
 namespace {

@@ -73,6 +73,13 @@ std::string readfile(const std::filesystem::path& p);
 void writefile(const std::filesystem::path& p, std::string_view content);
 std::vector<std::string> lines(const std::string& text);
 
+// What gfortran's list-directed output writes for a real item: a blank, then 9 (4-byte) or 17
+// (8-byte) significant digits in a field of 16 or 25 columns; fixed form ("0.500000000",
+// "287.049988") for zero and 0.1 <= |v| < 10^digits, left in the first 12 or 20 columns, exponent
+// form ("9.99999940E-02", "1.0000000000000000E-002") otherwise. The digits are std::to_chars'.
+std::string listreal(float v);
+std::string listreal(double v);
+
 // Base fixture: a fresh module state, recording services, handlers that throw, and a scratch
 // directory of the test's own.
 class zelmtest : public ::testing::Test {
