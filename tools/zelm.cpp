@@ -594,7 +594,7 @@ int checkfiles(const commandline& a) {
   zc::report r = gr.whole ? zc::checkgrid(*gr.whole) : zc::report{};
   r.subject =
       path + ": grid file, " + describeformat(gr.d) + ", " + (gr.d.dblprec ? "8-byte" : "4-byte") + " reals";
-  if (!gr.whole) r.sections.push_back(zc::unreadable(path, gr.failure, &*gr.header));
+  if (!gr.whole) r.sections.push_back(zc::unreadable(gr.failure, zelmtool::filesize(path), &*gr.header));
   const zelm::grid& counts = gr.whole ? *gr.whole : *gr.header;
   const auto fixed = [&](zc::fixedvariables f) {
     return zc::fixedvariables{countoption(a, "--density", f.density, 0),

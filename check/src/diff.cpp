@@ -32,12 +32,16 @@ std::string g(double v) {
 // What the comparison of one file pair needs to know besides the values.
 struct context {
   tolerance t;
-  bool dblprec = false;            // the coarser precision of the two files is 8-byte
+  bool dblprec = false;  // the coarser precision of the two files is 8-byte
+  bool single[2] = {};   // a file of 4-byte reals: its values are floats (text read into doubles is rounded)
   std::vector<int> perzone;        // items per zone
   const char* item = "item";       // "node", "cell"
   const double* coords = nullptr;  // ndim values per item, or null
   int ndim = 0;
 
+  double value(int which, double v) const {
+    return single[which] ? static_cast<double>(static_cast<float>(v)) : v;
+  }
   bool within(double a, double b) const {
     if (a == b || (std::isnan(a) && std::isnan(b))) return true;
     const double d = std::abs(a - b);
@@ -64,7 +68,7 @@ void comparevalues(section& s, const std::string& name, const double* a, const d
   detail::accumulator abs{name + ": absolute difference"}, rel{name + ": relative difference"},
       ulps{name + ": difference in ULPs"};
   for (index_t i = 0; i < n; ++i) {
-    const double x = a[i * stride], y = b[i * stride];
+    const double x = cx.value(0, a[i * stride]), y = cx.value(1, b[i * stride]);
     const double d = (x == y || (std::isnan(x) && std::isnan(y))) ? 0.0 : std::abs(x - y);
     const double scale = std::max(std::abs(x), std::abs(y));
     abs.add(std::isnan(d) ? INFINITY : d, i);
@@ -73,7 +77,7 @@ void comparevalues(section& s, const std::string& name, const double* a, const d
     if (!cx.within(x, y)) fail(c, cx.place(i) + ": " + g(x) + " vs " + g(y));
   }
   const auto where = [&](std::int64_t i) {
-    return cx.place(i) + ": " + g(a[i * stride]) + " vs " + g(b[i * stride]);
+    return cx.place(i) + ": " + g(cx.value(0, a[i * stride])) + " vs " + g(cx.value(1, b[i * stride]));
   };
   c.note = "of " + detail::num(n);
   s.checks.push_back(std::move(c));
@@ -88,6 +92,7 @@ void comparevalues(section& s, const std::string& name, const double* a, const d
 // Header values: reals within tolerance, other things exactly.
 void same(section& s, const std::string& name, double a, double b, const context& cx) {
   check c{name + " equal"};
+  a = cx.value(0, a), b = cx.value(1, b);
   if (!cx.within(a, b)) fail(c, g(a) + " vs " + g(b));
   s.checks.push_back(std::move(c));
 }
@@ -109,6 +114,7 @@ context contextof(tolerance t, side sa, side sb) {
   context cx;
   cx.t = t;
   cx.dblprec = sa.dblprec && sb.dblprec;
+  cx.single[0] = !sa.dblprec, cx.single[1] = !sb.dblprec;
   return cx;
 }
 

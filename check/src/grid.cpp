@@ -257,7 +257,7 @@ report checkgrid(const grid& g) {
   return r;
 }
 
-section unreadable(const std::string& file, const std::string& why, const grid* header) {
+section unreadable(const std::string& why, std::int64_t filesize, const grid* header) {
   section s{"file"};
   check read{"every record read"};
   std::string where = why;
@@ -275,12 +275,11 @@ section unreadable(const std::string& file, const std::string& why, const grid* 
     const auto& z = header->zones[static_cast<std::size_t>(zonenumber - 1)];
     const bool faces = std::strcmp(what, "face") == 0;
     const std::int64_t total = faces ? z.faces : z.nodes;
-    where += std::string(truncated ? "; truncated: " : "; ") + num(item - 1) + " of " + num(total) + " " +
-             (faces ? "faces" : "nodes") + " of zone " + str(zonenumber) + " read";
-  } else if (truncated) {
-    where += "; truncated";
+    where += "; " + num(item - 1) + " of " + num(total) + " " + (faces ? "faces" : "nodes") + " of zone " +
+             str(zonenumber) + " read";
   }
-  fail(read, file + ": " + where);
+  if (truncated) where += "; the file ends at byte " + num(filesize);
+  fail(read, where);
   s.checks.push_back(std::move(read));
   return s;
 }

@@ -87,8 +87,8 @@ std::string json(const report& r);
 // The checks of a grid that was read whole.
 report checkgrid(const grid& g);
 // The file section of a grid that could not be read whole: what the typed reader said, with the
-// header's counts to say how far it got.
-section unreadable(const std::string& file, const std::string& why, const grid* header);
+// header's counts to say how far it got and, when it ran out of bytes, where the file ends.
+section unreadable(const std::string& why, std::int64_t filesize, const grid* header);
 
 // Which variables hold density and pressure (1-based; 0 for none), checked to be positive.
 struct fixedvariables {
@@ -116,7 +116,7 @@ struct tolerance {
 
 // A file's values with what they mean for the comparison.
 struct side {
-  bool dblprec = false;  // 8-byte reals (ULPs then count in doubles unless the other side is 4-byte)
+  bool dblprec = false;  // 8-byte reals; 4-byte values are compared as floats, even when read from text
 };
 
 report diffgrids(const grid& a, side sa, const grid& b, side sb, tolerance t);
