@@ -241,6 +241,73 @@ std::string describeformat(const zelmtool::detection& d) {
   return s;
 }
 
+// A count given as an option: a whole number of at least `least`.
+int countoption(const commandline& a, const std::string& name, int fallback, int least) {
+  if (!a.has(name)) return fallback;
+  const std::string v = a.get(name);
+  char* end = nullptr;
+  const long n = std::strtol(v.c_str(), &end, 10);
+  if (v.empty() || *end != '\0' || n < least || n > 1000000)
+    die(name + " takes a whole number of at least " + std::to_string(least) + ", not " + quoted(v),
+        status::environment);
+  return static_cast<int>(n);
+}
+
+// What info adds to the file's description: a grid's bounding box, and with --stats every
+// variable's range (a grid's coordinates, a solution's variables against its grid).
+std::vector<zelm::check::range> inforanges(const commandline& a, const std::string& path,
+                                           const zelmtool::detection& d, const zelm::grid* grid,
+                                           std::vector<std::string>& problems) {
+  namespace zc = zelm::check;
+  try {
+    if (d.kind == filekind::grid) return zc::coordinateranges(zelm::readgrid(path, d.format()));
+    if (!a.has("--stats") || !grid || !problems.empty()) return {};
+    if (d.kind == filekind::pix) {
+      const auto p = zelm::readpix(path, d.format(), grid->nodesperzone());
+      return zc::checksolution("", p.values, grid->nodesperzone(), "node", {}, {}).ranges;
+    }
+    const int nvar = countoption(a, "--nvar", d.nvar, 0);
+    if (nvar < 0) return {};
+    const auto r = zelm::readrestart(path, d.format(), grid->cellsperzone(), nvar);
+    return zc::checksolution("", r.q, grid->cellsperzone(), "cell", {}, {}).ranges;
+  } catch (const zelm::error& e) {
+    problems.push_back(e.what());
+    return {};
+  }
+}
+
+int infojson(const commandline& a, const std::string& path, const zelmtool::detection& d,
+             const zelm::grid* grid) {
+  namespace zc = zelm::check;
+  std::vector<std::string> problems = d.problems;
+  const auto ranges = inforanges(a, path, d, grid, problems);
+  const auto list = [](const std::vector<std::string>& v) {
+    std::string s = "[";
+    for (std::size_t i = 0; i < v.size(); ++i) s += (i ? ", " : "") + zc::jsonstring(v[i]);
+    return s + "]";
+  };
+  std::string s =
+      "{\"file\": " + zc::jsonstring(path) + ", \"kind\": " + zc::jsonstring(zelmtool::kindname(d.kind)) +
+      ", \"encoding\": " + (d.encodingknown ? zc::jsonstring(zelm::encodingname(d.enc)) : "null") +
+      ", \"realbytes\": " + (d.precisionknown ? (d.dblprec ? "8" : "4") : "null") +
+      ", \"evidence\": " + list(d.evidence) + ", \"problems\": " + list(problems);
+  if (d.kind == filekind::grid) {
+    const auto g = zelm::readgridheader(path, d.format());
+    s += ", \"ndim\": " + std::to_string(g.ndim) + ", \"aux\": " + std::to_string(g.aux) + ", \"zones\": [";
+    for (std::size_t k = 0; k < g.zones.size(); ++k) {
+      const auto& z = g.zones[k];
+      s += std::string(k ? ", " : "") + "{\"nodes\": " + std::to_string(z.nodes) +
+           ", \"faces\": " + std::to_string(z.faces) + ", \"cells\": " + std::to_string(z.cells) +
+           ", \"mnpfz\": " + std::to_string(z.mnpf) + ", \"mfpcz\": " + std::to_string(z.mfpc) + "}";
+    }
+    s += "], \"boundingbox\": " + zc::json(ranges);
+  } else {
+    s += ", \"stats\": " + zc::json(ranges);
+  }
+  std::printf("%s}\n", s.c_str());
+  return d.kind == filekind::unknown || !problems.empty() ? status::badfile : status::done;
+}
+
 // ---- info -------------------------------------------------------------------------------------
 
 int info(const commandline& a) {
@@ -250,6 +317,7 @@ int info(const commandline& a) {
   std::optional<zelm::grid> grid;
   if (a.has("--grid")) grid = loadgrid(a.get("--grid"), true);
   const auto d = zelmtool::detect(path, grid ? &*grid : nullptr);
+  if (a.has("--json")) return infojson(a, path, d, grid ? &*grid : nullptr);
   std::printf("%s: %s file\n", path.c_str(), zelmtool::kindname(d.kind));
   if (d.encodingknown) std::printf("  encoding:  %s\n", describeformat(d).c_str());
   if (d.precisionknown) std::printf("  precision: %s reals\n", d.dblprec ? "8-byte" : "4-byte");
@@ -267,6 +335,12 @@ int info(const commandline& a) {
     }
     std::printf("  %6s %12lld %12lld %12lld\n", "total", static_cast<long long>(g.totalnodes()),
                 static_cast<long long>(g.totalfaces()), static_cast<long long>(g.totalcells()));
+    std::vector<std::string> problems;
+    const auto box = inforanges(a, path, d, nullptr, problems);
+    for (const auto& q : box)
+      std::printf("  %s from %.9g to %.9g%s\n", q.name.c_str(), q.min, q.max,
+                  a.has("--stats") ? (", mean " + std::to_string(q.mean)).c_str() : "");
+    if (!problems.empty()) die(quoted(path) + ": " + problems.front(), status::badfile);
   }
   if ((d.kind == filekind::restart || d.kind == filekind::pix) && grid) {
     std::vector<std::string> problems = d.problems;
@@ -303,6 +377,8 @@ int info(const commandline& a) {
       return 1;
     }
     std::printf("  fits the grid %s\n", a.get("--grid").c_str());
+    for (const auto& q : inforanges(a, path, d, &*grid, problems))
+      std::printf("  %s: min %.9g, max %.9g, mean %.9g\n", q.name.c_str(), q.min, q.max, q.mean);
   } else if (d.kind != filekind::grid) {
     std::printf("  (give --grid GRID to check it against its grid and show its contents)\n");
   }
@@ -533,18 +609,6 @@ int exportgrid(const commandline& a) {
 }
 
 // ---- check ------------------------------------------------------------------------------------
-
-// A count given as an option: a whole number of at least `least`.
-int countoption(const commandline& a, const std::string& name, int fallback, int least) {
-  if (!a.has(name)) return fallback;
-  const std::string v = a.get(name);
-  char* end = nullptr;
-  const long n = std::strtol(v.c_str(), &end, 10);
-  if (v.empty() || *end != '\0' || n < least || n > 1000000)
-    die(name + " takes a whole number of at least " + std::to_string(least) + ", not " + quoted(v),
-        status::environment);
-  return static_cast<int>(n);
-}
 
 // The grid as far as it reads: the whole of it, or the header of a grid that breaks off (in the
 // encoding and precision that read furthest when its bytes could not tell).
