@@ -137,8 +137,9 @@ zonegeometry geometry(const zone& z, const std::vector<char>& facevalid, const s
   r.sense = forward >= backward ? 1 : -1;
   for (std::size_t f = 0; f < nf; ++f)
     r.outward[f] = static_cast<signed char>(r.vote[f] * r.sense < 0 ? -r.sense : r.sense);
-  // Closure, volume and centroid from the pyramids on the faces, each face in the grid's sense.
+  // Closure, volume and centroid from the pyramids on the faces.
   r.closure.assign(nc, vec{}), r.closuresize.assign(nc, 0.0), r.volume.assign(nc, 0.0);
+  std::vector<double> weight(nc, 0.0);
   r.cellcentre.assign(nc, vec{});
   for (std::size_t f = 0; f < nf; ++f) {
     if (!facevalid[f]) continue;
@@ -150,13 +151,16 @@ zonegeometry geometry(const zone& z, const std::vector<char>& facevalid, const s
       r.closure[i] = r.closure[i] + out;
       r.closuresize[i] += norm(out);
       const double pyramid = dot(r.centre[f] - estimate[i], out) / dim;
-      r.volume[i] += pyramid;
+      weight[i] += pyramid;
       r.cellcentre[i] =
           r.cellcentre[i] + pyramid * ((dim / (dim + 1)) * r.centre[f] + (1 / (dim + 1)) * estimate[i]);
+      // The volume takes every face in the grid's sense, reversed or not: a cell turned inside
+      // out by a node pushed through it has a negative volume.
+      r.volume[i] += r.outward[f] == r.sense ? pyramid : -pyramid;
     }
   }
   for (std::size_t c = 0; c < nc; ++c)
-    r.cellcentre[c] = cellvalid[c] && r.volume[c] > 0 ? (1.0 / r.volume[c]) * r.cellcentre[c] : estimate[c];
+    r.cellcentre[c] = cellvalid[c] && weight[c] > 0 ? (1.0 / weight[c]) * r.cellcentre[c] : estimate[c];
   return r;
 }
 

@@ -14,8 +14,9 @@
 //   - Orientation: from each side's cell, a face's area vector points out of the cell (away from
 //     the cell's centre estimate) or into it. The grid's sense is what most faces say: "from side 1
 //     to side 2" (out of the cell in ifcell(1)) or "from side 2 to side 1". A face is reversed when
-//     every cell beside it sees it against that sense. Closedness and volumes use each face in the
-//     grid's sense, with reversed faces turned round, so one reversed face is reported once.
+//     every cell beside it sees it against that sense. Closedness and centres use each face in the
+//     grid's sense with reversed faces turned round, so one reversed face is reported once; volumes
+//     use every face in the grid's sense, so a cell turned inside out has a negative volume.
 //   - Closed: |sum of a cell's outward area vectors| <= 1e-6 x the sum of their magnitudes.
 //   - Non-orthogonality (interior faces): the angle between the face's area vector and the line
 //     from the centre of the cell it points out of to the other's; above 70 degrees is severe
