@@ -664,6 +664,7 @@ int checkfiles(const commandline& a) {
     return zc::fixedvariables{countoption(a, "--density", f.density, 0),
                               countoption(a, "--pressure", f.pressure, 0)};
   };
+  fixed({});  // a bad value is a usage error even without a solution to apply it to
   // A solution section: the file read against the grid's counts and checked, or why it cannot be.
   const auto solution = [&](const char* option, filekind kind) {
     const std::string file = a.get(option);
