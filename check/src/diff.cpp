@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <functional>
+#include <type_traits>
 
 #include "internal.hpp"
 
@@ -110,6 +111,18 @@ void exacttext(section& s, const std::string& name, const std::string& a, const 
   exact<std::string>(s, name, a, b, [](const std::string& v) { return "\"" + v + "\""; });
 }
 
+// The name of a reference value in the files' headers.
+template <class File>
+const char* headername(double File::*m) {
+  if constexpr (std::is_same_v<File, pix>)
+    if (m == &pix::dvar) return "dvar";
+  return m == &File::dgamma  ? "dgamma"
+         : m == &File::drgas ? "drgas"
+         : m == &File::dr0   ? "dr0"
+         : m == &File::drm0  ? "drm0"
+                             : "dp0";
+}
+
 context contextof(tolerance t, side sa, side sb) {
   context cx;
   cx.t = t;
@@ -200,10 +213,8 @@ report diffpix(const pix& a, side sa, const pix& b, side sb, const std::vector<i
   report r;
   context cx = contextof(t, sa, sb);
   section h{"header"};
-  const char* names[] = {"dvar", "dgamma", "drgas", "dr0", "drm0", "dp0"};
-  const double va[] = {a.dvar, a.dgamma, a.drgas, a.dr0, a.drm0, a.dp0};
-  const double vb[] = {b.dvar, b.dgamma, b.drgas, b.dr0, b.drm0, b.dp0};
-  for (int i = 0; i < 6; ++i) same(h, names[i], va[i], vb[i], cx);
+  for (auto m : {&pix::dvar, &pix::dgamma, &pix::drgas, &pix::dr0, &pix::drm0, &pix::dp0})
+    same(h, headername(m), a.*m, b.*m, cx);
   exacttext(h, "header text", a.text, b.text);
   exactint(h, "number of free variables", static_cast<std::int64_t>(a.labels.size()),
            static_cast<std::int64_t>(b.labels.size()));
@@ -227,10 +238,8 @@ report diffrestart(const restart& a, side sa, const restart& b, side sb, const s
   same(h, "dtime", a.dtime, b.dtime, cx);
   exactint(h, "lastcyc", a.lastcyc, b.lastcyc);
   exactint(h, "rstype", a.rstype, b.rstype);
-  const char* names[] = {"dgamma", "drgas", "dr0", "drm0", "dp0"};
-  const double va[] = {a.dgamma, a.drgas, a.dr0, a.drm0, a.dp0};
-  const double vb[] = {b.dgamma, b.drgas, b.dr0, b.drm0, b.dp0};
-  for (int i = 0; i < 5; ++i) same(h, names[i], va[i], vb[i], cx);
+  for (auto m : {&restart::dgamma, &restart::drgas, &restart::dr0, &restart::drm0, &restart::dp0})
+    same(h, headername(m), a.*m, b.*m, cx);
   exactint(h, "number of variables", a.q.extent(1), b.q.extent(1));
   r.sections.push_back(std::move(h));
   cx.perzone = cellsperzone;
