@@ -67,6 +67,17 @@ std::array<std::array<int, 4>, 3> splitprism(const std::array<int, 6>& v) {
   return {{{w[0], w[1], w[2], w[4]}, {w[0], w[4], w[2], w[5]}, {w[0], w[4], w[5], w[3]}}};
 }
 
+// The sign of the volume of the tetrahedron t: positive when t[3] lies on the side of the triangle
+// t[0] t[1] t[2] that its right-hand normal points to.
+double handedness(const zonegrid& z, const std::array<int, 4>& t) {
+  const auto at = [&](int node, int d) { return static_cast<double>(z.x[static_cast<std::size_t>(3 * (node - 1) + d)]); };
+  double e[3][3];
+  for (int k = 0; k < 3; ++k)
+    for (int d = 0; d < 3; ++d) e[k][d] = at(t[static_cast<std::size_t>(k + 1)], d) - at(t[0], d);
+  return e[0][0] * (e[1][1] * e[2][2] - e[1][2] * e[2][1]) - e[0][1] * (e[1][0] * e[2][2] - e[1][2] * e[2][0]) +
+         e[0][2] * (e[1][0] * e[2][1] - e[1][1] * e[2][0]);
+}
+
 zonegrid tetprismzone(int nx, int ny, int nz, int prismlayers) {
   zonegrid z;
   z.ndim = 3;
@@ -97,16 +108,17 @@ zonegrid tetprismzone(int nx, int ny, int nz, int prismlayers) {
           if (k < prismlayers) {
             ++cell;
             prisms = true;
-            addface(faces, cell, {p[0], p[1], p[2]});
+            addface(faces, cell, {p[0], p[2], p[1]});
             addface(faces, cell, {p[3], p[4], p[5]});
             addface(faces, cell, {p[0], p[1], p[4], p[3]});
             addface(faces, cell, {p[1], p[2], p[5], p[4]});
             addface(faces, cell, {p[2], p[0], p[3], p[5]});
           } else {
-            for (const auto& t : splitprism(p)) {
+            for (auto t : splitprism(p)) {
               ++cell;
               tets = true;
-              addface(faces, cell, {t[0], t[1], t[2]});
+              if (handedness(z, t) < 0) std::swap(t[1], t[2]);
+              addface(faces, cell, {t[0], t[2], t[1]});
               addface(faces, cell, {t[0], t[1], t[3]});
               addface(faces, cell, {t[1], t[2], t[3]});
               addface(faces, cell, {t[2], t[0], t[3]});

@@ -3,7 +3,8 @@
 //
 // Conventions of the generated grids: node and cell numbers count within their zone (1 .. nptsz,
 // 1 .. ncellsz), a boundary face has the cell beside it on side 1 and -1 on side 2, face nodes are
-// in cyclic order, and zone k is a copy of zone 1 shifted along x.
+// in cyclic order with the right-hand normal pointing out of the cell on side 1 (in 2D the edge
+// runs with that cell on its left), and zone k is a copy of zone 1 shifted along x.
 #pragma once
 
 #include <cstdint>

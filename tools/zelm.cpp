@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +21,7 @@
 #include "progress.hpp"
 #include "zelmgrid/error.hpp"
 #include "zelmgrid/export.hpp"
+#include "zelmgrid/check.hpp"
 #include "zelmgrid/files.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
 #include "zelmgrid/tecplot.hpp"
@@ -47,6 +49,10 @@ verbs:
   export GRID [--pix PIX] [--restart RESTART] -o OUT.vtu|.vtm|.dat [--force]
                                  write a grid and its solutions for a viewer (VTK XML or Tecplot)
   sample DIR [--force]           write the sample grids and solutions into DIR
+  check GRID [--pix PIX] [--restart RESTART [--nvar N]] [--json]
+                                 is the grid (and its solution) sound
+  diff A B [--grid GRID] [--atol X] [--rtol Y] [--ulps N] [--json]
+                                 how two files of one kind differ
   help [VERB]                    this text, or the options of a verb
 
 options (anywhere on the line):
@@ -62,7 +68,7 @@ replaces only regular files, and only with --force.
 
 )";
 
-constexpr const char* infohelp = R"(usage: zelm info FILE [--grid GRID]
+constexpr const char* infohelp = R"(usage: zelm info FILE [--grid GRID] [--stats] [--json]
 
 Tells what FILE is without being told: its kind (grid, restart or pix), its encoding
 (framed records, unframed stream or text) and the precision of its reals, with the
@@ -71,7 +77,52 @@ evidence found in the bytes, then the grid header and a table of the zones.
 Restart and pix files hold no counts of their own: with --grid GRID, zelm checks that
 the file's records and length agree with the grid's zones and says where they do not.
   --nvar N        the number of restart variables (found from the file when omitted)
+  --stats         every variable's minimum, maximum and mean (a grid: its coordinates')
+  --json          all of it as one JSON object
+A grid's bounding box is shown whenever the file is a grid.
 The exit status is 1 when the file cannot be read or does not fit its grid.
+)";
+
+constexpr const char* checkhelp =
+    R"(usage: zelm check GRID [--pix PIX] [--restart RESTART [--nvar N]] [--json]
+
+Reads every record of GRID (and of its solutions) and checks, zone by zone:
+  file       every record read (a cut-short file is named as truncated, with how far it goes)
+  topology   node and cell numbers in range (and whether they count within a zone or across
+             the grid), face node counts from 2 (2D) or 3 (3D) to mnpfz, no node repeated in a
+             face, no duplicate faces, every node on a face, a cell beside every face, every cell
+             with at least ndim + 1 and at most mfpcz faces; boundary codes with faces and areas
+  geometry   faces oriented one way (the sense is named), cells closed, volumes (areas in 2D)
+             positive; volume range, neighbour volume ratio, non-orthogonality (failed at 90
+             degrees, warned above 70), skewness (failed above 4; OpenFOAM's checkMesh measure)
+  solutions  --pix PIX (node values) and --restart RESTART (cell values): fit to the grid, no
+             NaN or infinity, density and pressure positive, every variable's range
+  --nvar N        the number of restart variables (found from the file when omitted)
+  --density N     the variable that holds density (pix: 1, restart: 1; 0 for none)
+  --pressure N    the variable that holds pressure (pix: 5, the fixed P; restart: none)
+  --json          the report as JSON
+
+The report ends in "grid OK" or "N checks failed". Exit status: 0 sound, 1 a check failed
+(or GRID is not a grid file), 2 the check could not run.
+)";
+
+constexpr const char* diffhelp =
+    R"(usage: zelm diff A B [--grid GRID] [--atol X] [--rtol Y] [--ulps N] [--json]
+
+Compares two grid, restart or pix files of one kind, each in any encoding and precision.
+Grids: the counts of every zone, the coordinates within tolerance, the faces face for face.
+Solutions (they need --grid): the header values, and for every variable the largest
+absolute, relative and ULP difference and where it is, and how many values exceed the
+tolerance. Two values are equal when |a - b| <= atol + rtol * max(|a|, |b|), or when they
+are at most N units in the last place apart (counted in the coarser precision of the two
+files, so a double rounded to 4 bytes is at most 0.5 away). All tolerances default to 0.
+  --grid GRID     the grid of restart or pix files; differences are then placed at their
+                  node's coordinates or cell's centre
+  --atol X, --rtol Y, --ulps N
+  --nvar N        the number of restart variables (found from each file when omitted)
+  --json          the report as JSON
+  -q, --quiet     print nothing; only the exit status tells
+Exit status, as diff's: 0 equal within tolerance, 1 different, 2 could not compare.
 )";
 
 constexpr const char* converthelp =
@@ -211,6 +262,73 @@ std::string describeformat(const zelmtool::detection& d) {
   return s;
 }
 
+// A count given as an option: a whole number of at least `least`.
+int countoption(const commandline& a, const std::string& name, int fallback, int least) {
+  if (!a.has(name)) return fallback;
+  const std::string v = a.get(name);
+  char* end = nullptr;
+  const long n = std::strtol(v.c_str(), &end, 10);
+  if (v.empty() || *end != '\0' || n < least || n > 1000000)
+    die(name + " takes a whole number of at least " + std::to_string(least) + ", not " + quoted(v),
+        status::environment);
+  return static_cast<int>(n);
+}
+
+// What info adds to the file's description: a grid's bounding box, and with --stats every
+// variable's range (a grid's coordinates, a solution's variables against its grid).
+std::vector<zelm::check::range> inforanges(const commandline& a, const std::string& path,
+                                           const zelmtool::detection& d, const zelm::grid* grid,
+                                           std::vector<std::string>& problems) {
+  namespace zc = zelm::check;
+  try {
+    if (d.kind == filekind::grid) return zc::coordinateranges(zelm::readgrid(path, d.format()));
+    if (!a.has("--stats") || !grid || !problems.empty()) return {};
+    if (d.kind == filekind::pix) {
+      const auto p = zelm::readpix(path, d.format(), grid->nodesperzone());
+      return zc::checksolution("", p.values, grid->nodesperzone(), "node", {}, {}).ranges;
+    }
+    const int nvar = countoption(a, "--nvar", d.nvar, 0);
+    if (nvar < 0) return {};
+    const auto r = zelm::readrestart(path, d.format(), grid->cellsperzone(), nvar);
+    return zc::checksolution("", r.q, grid->cellsperzone(), "cell", {}, {}).ranges;
+  } catch (const zelm::error& e) {
+    problems.push_back(e.what());
+    return {};
+  }
+}
+
+int infojson(const commandline& a, const std::string& path, const zelmtool::detection& d,
+             const zelm::grid* grid) {
+  namespace zc = zelm::check;
+  std::vector<std::string> problems = d.problems;
+  const auto ranges = inforanges(a, path, d, grid, problems);
+  const auto list = [](const std::vector<std::string>& v) {
+    std::string s = "[";
+    for (std::size_t i = 0; i < v.size(); ++i) s += (i ? ", " : "") + zc::jsonstring(v[i]);
+    return s + "]";
+  };
+  std::string s =
+      "{\"file\": " + zc::jsonstring(path) + ", \"kind\": " + zc::jsonstring(zelmtool::kindname(d.kind)) +
+      ", \"encoding\": " + (d.encodingknown ? zc::jsonstring(zelm::encodingname(d.enc)) : "null") +
+      ", \"realbytes\": " + (d.precisionknown ? (d.dblprec ? "8" : "4") : "null") +
+      ", \"evidence\": " + list(d.evidence) + ", \"problems\": " + list(problems);
+  if (d.kind == filekind::grid) {
+    const auto g = zelm::readgridheader(path, d.format());
+    s += ", \"ndim\": " + std::to_string(g.ndim) + ", \"aux\": " + std::to_string(g.aux) + ", \"zones\": [";
+    for (std::size_t k = 0; k < g.zones.size(); ++k) {
+      const auto& z = g.zones[k];
+      s += std::string(k ? ", " : "") + "{\"nodes\": " + std::to_string(z.nodes) +
+           ", \"faces\": " + std::to_string(z.faces) + ", \"cells\": " + std::to_string(z.cells) +
+           ", \"mnpfz\": " + std::to_string(z.mnpf) + ", \"mfpcz\": " + std::to_string(z.mfpc) + "}";
+    }
+    s += "], \"boundingbox\": " + zc::json(ranges);
+  } else {
+    s += ", \"stats\": " + zc::json(ranges);
+  }
+  std::printf("%s}\n", s.c_str());
+  return d.kind == filekind::unknown || !problems.empty() ? status::badfile : status::done;
+}
+
 // ---- info -------------------------------------------------------------------------------------
 
 int info(const commandline& a) {
@@ -220,6 +338,7 @@ int info(const commandline& a) {
   std::optional<zelm::grid> grid;
   if (a.has("--grid")) grid = loadgrid(a.get("--grid"), true);
   const auto d = zelmtool::detect(path, grid ? &*grid : nullptr);
+  if (a.has("--json")) return infojson(a, path, d, grid ? &*grid : nullptr);
   std::printf("%s: %s file\n", path.c_str(), zelmtool::kindname(d.kind));
   if (d.encodingknown) std::printf("  encoding:  %s\n", describeformat(d).c_str());
   if (d.precisionknown) std::printf("  precision: %s reals\n", d.dblprec ? "8-byte" : "4-byte");
@@ -237,6 +356,12 @@ int info(const commandline& a) {
     }
     std::printf("  %6s %12lld %12lld %12lld\n", "total", static_cast<long long>(g.totalnodes()),
                 static_cast<long long>(g.totalfaces()), static_cast<long long>(g.totalcells()));
+    std::vector<std::string> problems;
+    const auto box = inforanges(a, path, d, nullptr, problems);
+    for (const auto& q : box)
+      std::printf("  %s from %.9g to %.9g%s\n", q.name.c_str(), q.min, q.max,
+                  a.has("--stats") ? (", mean " + std::to_string(q.mean)).c_str() : "");
+    if (!problems.empty()) die(quoted(path) + ": " + problems.front(), status::badfile);
   }
   if ((d.kind == filekind::restart || d.kind == filekind::pix) && grid) {
     std::vector<std::string> problems = d.problems;
@@ -273,6 +398,8 @@ int info(const commandline& a) {
       return 1;
     }
     std::printf("  fits the grid %s\n", a.get("--grid").c_str());
+    for (const auto& q : inforanges(a, path, d, &*grid, problems))
+      std::printf("  %s: min %.9g, max %.9g, mean %.9g\n", q.name.c_str(), q.min, q.max, q.mean);
   } else if (d.kind != filekind::grid) {
     std::printf("  (give --grid GRID to check it against its grid and show its contents)\n");
   }
@@ -519,6 +646,170 @@ int exportgrid(const commandline& a) {
   return status::done;
 }
 
+// ---- check ------------------------------------------------------------------------------------
+
+// The grid as far as it reads: the whole of it, or the header of a grid that breaks off (in the
+// encoding and precision that read furthest when its bytes could not tell).
+struct gridread {
+  std::optional<zelm::grid> whole, header;
+  zelmtool::detection d;
+  std::string failure;
+};
+
+gridread readforcheck(const std::string& path) {
+  gridread r;
+  r.d = zelmtool::detect(path);
+  std::vector<zelm::format> tries;
+  if (r.d.kind == filekind::grid) tries.push_back(r.d.format());
+  for (auto e : {zelm::encoding::unformatted, zelm::encoding::binary, zelm::encoding::formatted})
+    for (bool dbl : {false, true})
+      if (r.d.kind != filekind::grid) tries.push_back({e, dbl});
+  long furthest = -1;
+  for (const auto& f : tries) {
+    try {
+      auto h = zelm::readgridheader(path, f);
+      if (h.ndim < 1 || h.ndim > 3 || h.zones.empty()) continue;
+      if (!r.header) r.header = std::move(h);
+      r.whole = reading(path, [&] { return zelm::readgrid(path, f); });
+      r.d.enc = f.enc, r.d.dblprec = f.dblprec;
+      return r;
+    } catch (const zelm::error& e) {
+      const std::string m = e.what();
+      const auto at = m.find("at byte ");
+      const long byte = at == std::string::npos ? 0 : std::atol(m.c_str() + at + 8);
+      if (byte > furthest) furthest = byte, r.failure = m, r.d.enc = f.enc, r.d.dblprec = f.dblprec;
+    }
+  }
+  return r;
+}
+
+int checkfiles(const commandline& a) {
+  namespace zc = zelm::check;
+  if (a.positional.size() != 1) die("check takes one grid file (see zelm check --help)", status::environment);
+  const std::string path = a.positional[0];
+  requirefile(path);
+  for (const char* o : {"--pix", "--restart"})
+    if (a.has(o)) requirefile(a.get(o));
+  const gridread gr = readforcheck(path);
+  if (!gr.whole && !gr.header)
+    die(quoted(path) + " is not a grid file (" + zelmtool::kindname(gr.d.kind) + ")", status::badfile);
+  zc::report r = gr.whole ? zc::checkgrid(*gr.whole) : zc::report{};
+  r.subject =
+      path + ": grid file, " + describeformat(gr.d) + ", " + (gr.d.dblprec ? "8-byte" : "4-byte") + " reals";
+  if (!gr.whole) r.sections.push_back(zc::unreadable(gr.failure, zelmtool::filesize(path), &*gr.header));
+  const zelm::grid& counts = gr.whole ? *gr.whole : *gr.header;
+  const auto fixed = [&](zc::fixedvariables f) {
+    return zc::fixedvariables{countoption(a, "--density", f.density, 0),
+                              countoption(a, "--pressure", f.pressure, 0)};
+  };
+  fixed({});  // a bad value is a usage error even without a solution to apply it to
+  // A solution section: the file read against the grid's counts and checked, or why it cannot be.
+  const auto solution = [&](const char* option, filekind kind) {
+    const std::string file = a.get(option);
+    const std::string title = std::string(zelmtool::kindname(kind)) + " file " + file;
+    try {
+      const auto d = zelmtool::detect(file, &counts);
+      if (d.kind != kind)
+        return zc::unfit(title, "it is not a " + std::string(zelmtool::kindname(kind)) + " file (" +
+                                    zelmtool::kindname(d.kind) + ")");
+      if (!d.problems.empty()) return zc::unfit(title, d.problems.front());
+      if (kind == filekind::pix) {
+        const auto p = reading(file, [&] { return zelm::readpix(file, d.format(), counts.nodesperzone()); });
+        std::vector<std::string> names = {"RHO", "U", "V", "W", "P", "FREE"};
+        for (auto l : p.labels) names.push_back(l.erase(l.find_last_not_of(' ') + 1));
+        return zc::checksolution(title, p.values, counts.nodesperzone(), "node", fixed(zc::pixfixed), names);
+      }
+      const int nvar = countoption(a, "--nvar", d.nvar, 0);
+      if (nvar < 0)
+        die("the number of restart variables cannot be found from " + quoted(file) + ": give --nvar",
+            status::environment);
+      const auto q =
+          reading(file, [&] { return zelm::readrestart(file, d.format(), counts.cellsperzone(), nvar); });
+      return zc::checksolution(title, q.q, counts.cellsperzone(), "cell", fixed(zc::restartfixed), {});
+    } catch (const zelm::error& e) {
+      return zc::unfit(title, e.what());
+    }
+  };
+  if (a.has("--pix")) r.sections.push_back(solution("--pix", filekind::pix));
+  if (a.has("--restart")) r.sections.push_back(solution("--restart", filekind::restart));
+  const std::string out = a.has("--json") ? zc::json(r) : zc::text(r, "grid OK");
+  std::fputs(out.c_str(), stdout);
+  return r.failed() == 0 ? status::done : status::badfile;
+}
+
+// ---- diff -------------------------------------------------------------------------------------
+
+double tolerance(const commandline& a, const std::string& name) {
+  if (!a.has(name)) return 0;
+  const std::string v = a.get(name);
+  char* end = nullptr;
+  const double x = std::strtod(v.c_str(), &end);
+  if (v.empty() || *end != '\0' || !(x >= 0) || !std::isfinite(x))
+    die(name + " takes a number of at least 0, not " + quoted(v), status::environment);
+  return x;
+}
+
+int difffiles(const commandline& a) {
+  namespace zc = zelm::check;
+  // Anything that keeps the files from being compared is status 2, as diff has it.
+  const auto cannot = [](const std::string& why) { die("cannot compare: " + why, status::environment); };
+  if (a.positional.size() != 2) die("diff takes two files (see zelm diff --help)", status::environment);
+  const zc::tolerance t{tolerance(a, "--atol"), tolerance(a, "--rtol"), tolerance(a, "--ulps")};
+  const std::string pa = a.positional[0], pb = a.positional[1];
+  requirefile(pa);
+  requirefile(pb);
+  zc::report r;
+  try {
+    std::optional<zelm::grid> grid;
+    if (a.has("--grid")) {
+      requirefile(a.get("--grid"));
+      const auto d = zelmtool::detect(a.get("--grid"));
+      if (d.kind != filekind::grid) cannot(quoted(a.get("--grid")) + " is not a grid file");
+      grid = reading(a.get("--grid"), [&] { return zelm::readgrid(a.get("--grid"), d.format()); });
+    }
+    const zelm::grid* g = grid ? &*grid : nullptr;
+    const auto da = zelmtool::detect(pa, g), db = zelmtool::detect(pb, g);
+    for (const auto* d : {&da, &db}) {
+      const std::string& p = d == &da ? pa : pb;
+      if (d->kind == filekind::unknown) cannot(quoted(p) + " is not a grid, restart or pix file");
+      if (!d->problems.empty()) cannot(quoted(p) + " does not fit the grid: " + d->problems.front());
+    }
+    if (da.kind != db.kind)
+      cannot(quoted(pa) + " is a " + zelmtool::kindname(da.kind) + " file, " + quoted(pb) + " a " +
+             zelmtool::kindname(db.kind) + " file");
+    if (da.kind != filekind::grid && !g)
+      cannot(std::string(zelmtool::kindname(da.kind)) +
+             " files hold no counts of their own: give --grid GRID");
+    const zc::side sa{da.dblprec}, sb{db.dblprec};
+    if (da.kind == filekind::grid) {
+      const auto ga = reading(pa, [&] { return zelm::readgrid(pa, da.format()); });
+      const auto gb = reading(pb, [&] { return zelm::readgrid(pb, db.format()); });
+      r = zc::diffgrids(ga, sa, gb, sb, t);
+    } else if (da.kind == filekind::pix) {
+      const auto xa = reading(pa, [&] { return zelm::readpix(pa, da.format(), g->nodesperzone()); });
+      const auto xb = reading(pb, [&] { return zelm::readpix(pb, db.format(), g->nodesperzone()); });
+      r = zc::diffpix(xa, sa, xb, sb, g->nodesperzone(), g, t);
+    } else {
+      const int na = countoption(a, "--nvar", da.nvar, 0), nb = countoption(a, "--nvar", db.nvar, 0);
+      if (na < 0 || nb < 0)
+        cannot("the number of restart variables cannot be found from the files: give --nvar");
+      const auto xa = reading(pa, [&] { return zelm::readrestart(pa, da.format(), g->cellsperzone(), na); });
+      const auto xb = reading(pb, [&] { return zelm::readrestart(pb, db.format(), g->cellsperzone(), nb); });
+      r = zc::diffrestart(xa, sa, xb, sb, g->cellsperzone(), g, t);
+    }
+    r.subject = pa + " (" + describeformat(da) + ", " + (da.dblprec ? "8" : "4") + "-byte reals) vs " + pb +
+                " (" + describeformat(db) + ", " + (db.dblprec ? "8" : "4") +
+                "-byte reals): " + zelmtool::kindname(da.kind) + " files";
+  } catch (const zelm::error& e) {
+    cannot(e.what());
+  }
+  if (!global.quiet) {
+    const std::string out = a.has("--json") ? zc::json(r) : zc::text(r, "files equal within tolerance");
+    std::fputs(out.c_str(), stdout);
+  }
+  return r.failed() == 0 ? status::done : status::badfile;
+}
+
 // ---- sample -----------------------------------------------------------------------------------
 
 int sample(const commandline& a) {
@@ -578,7 +869,9 @@ int sample(const commandline& a) {
 
 int main(int argc, char** argv) {
   const std::vector<zelmtool::verbspec> specs = {
-      {"info", {"--grid", "--nvar"}, {}},
+      {"info", {"--grid", "--nvar"}, {"--stats", "--json"}},
+      {"check", {"--pix", "--restart", "--nvar", "--density", "--pressure"}, {"--json"}},
+      {"diff", {"--grid", "--atol", "--rtol", "--ulps", "--nvar"}, {"--json"}},
       {"convert", {"-o", "--encoding", "--precision", "--grid", "--nvar"}, {"--force"}},
       {"export",
        {"-o", "--pix", "--restart", "--nvar", "--zone"},
@@ -593,12 +886,13 @@ int main(int argc, char** argv) {
   const std::map<std::string, verbdef> verbs = {
       {"info", {infohelp, info}},           {"convert", {converthelp, convert}},
       {"export", {exporthelp, exportgrid}}, {"sample", {samplehelp, sample}},
+      {"check", {checkhelp, checkfiles}},   {"diff", {diffhelp, difffiles}},
       {"help", {helphelp, nullptr}},
   };
   const auto helpfor = [&](const std::string& verb) {
     const auto it = verbs.find(verb);
     if (it == verbs.end())
-      die("unknown verb " + quoted(verb) + " (verbs: info, convert, export, sample, help)", 2);
+      die("unknown verb " + quoted(verb) + " (verbs: info, check, diff, convert, export, sample, help)", 2);
     std::fputs(it->second.help, stdout);
     if (verb != "help")
       std::fputs("\nOptions -q, -v and -h go anywhere; see zelm --help for the exit statuses.\n", stdout);

@@ -80,7 +80,8 @@ class typedfile {
     if (records > 0 && records * least > left + (text ? 1 : 0))
       invalid(what + " claim " + num(records) + " records of at least " + num(least) + " bytes; the " +
               num(left) + " bytes left in the file hold at most " +
-              num(least > 0 ? (left + (text ? 1 : 0)) / least : 0));
+              num(least > 0 ? (left + (text ? 1 : 0)) / least : 0) +
+              ": the file is shorter than its counts say (truncated, or the counts are wrong)");
     const big budget = (big{64} << 20) + 16 * static_cast<big>(size);
     if (arraybytes > budget)
       invalid(what + " ask for " + num(arraybytes) + " bytes of arrays; a file of " + num(size) +

@@ -579,3 +579,99 @@ def test_export_writes_no_temporary_file_outside_the_output_folder(tmp_path):
     assert os.listdir(scratch) == []
     assert sorted(os.listdir(out)) == ["a long output name with blanks, longer than forty characters-zone2.dat",
                                        "a long output name with blanks, longer than forty characters.dat"]
+
+
+# ---- check and diff ----------------------------------------------------------------------------
+
+import json
+
+
+@pytest.mark.parametrize("sample", ["flow2d", "flow3d"])
+def test_check_passes_the_samples_with_their_solutions(samples, sample):
+    g, p, r = (str(samples / ("%s-%s.unf" % (sample, k))) for k in ("grid", "pix", "restart"))
+    out = run("check", g, "--pix", p, "--restart", r, check=0).stdout
+    assert out.rstrip().splitlines()[-1] == "grid OK"
+    report = json.loads(run("check", g, "--pix", p, "--json", check=0).stdout)
+    assert report["ok"] and report["failed"] == 0
+    assert [s["title"].split(":")[0] for s in report["sections"]][:2] == ["file", "zone 1"]
+
+
+def test_check_names_a_truncated_grid_as_truncated(samples, tmp_path):
+    data = (samples / "flow3d-grid.unf").read_bytes()
+    cut = tmp_path / "cut.unf"
+    cut.write_bytes(data[:20000])
+    p = run("check", str(cut), check=1)
+    assert "truncated" in p.stdout and "ends at byte 20,000" in p.stdout
+    assert p.stdout.rstrip().endswith("1 check failed")
+
+
+def test_check_fails_a_pix_file_with_a_negative_density(samples, tmp_path):
+    g = str(samples / "flow2d-grid.unf")
+    p = tmp_path / "neg.bin"
+    run("convert", str(samples / "flow2d-pix.unf"), str(p), "--encoding", "binary", "--grid", g, check=0)
+    data = bytearray(p.read_bytes())
+    data[6 * 4 + 25: 6 * 4 + 29] = struct.pack("<f", -1.0)  # density of node 1
+    p.write_bytes(bytes(data))
+    report = json.loads(run("check", g, "--pix", str(p), "--json", check=1).stdout)
+    bad = [c for s in report["sections"] for c in s["checks"] if not c["ok"]]
+    assert [c["name"] for c in bad] == ["density positive"]
+    assert bad[0]["where"][0].startswith("variable 1 (RHO) at zone 1 node 1")
+    # another variable as density: the check moves with it
+    assert run("check", g, "--pix", str(p), "--density", "2", check=0).returncode == 0
+
+
+def test_check_exit_statuses(samples, tmp_path):
+    run("check", str(tmp_path / "missing"), check=2)
+    run("check", check=2)
+    junk = tmp_path / "junk"
+    junk.write_bytes(b"\x01\x02\x03" * 100)
+    run("check", str(junk), check=1)
+    run("check", str(samples / "flow2d-grid.unf"), "--density", "x", check=2)
+
+
+def test_diff_sees_through_encodings_and_precisions(variants):
+    (g1, p1), (g2, p2) = variants[("unformatted", "single")], variants[("formatted", "double")]
+    (g3, p3) = variants[("binary", "single")]
+    assert run("diff", g1, g2, check=0).stdout.rstrip().endswith("files equal within tolerance")
+    report = json.loads(run("diff", p1, p2, "--grid", g1, "--json", check=0).stdout)
+    ulps = [r["max"] for s in report["sections"] for r in s["ranges"] if "ULPs" in r["name"]]
+    assert ulps and max(ulps) == 0
+    assert run("diff", p1, p3, "--grid", g1, "-q", check=0).stdout == ""
+
+
+def test_diff_finds_one_changed_value_at_its_place(samples, tmp_path):
+    g = str(samples / "flow2d-grid.unf")
+    a = tmp_path / "a.bin"
+    run("convert", str(samples / "flow2d-pix.unf"), str(a), "--encoding", "binary", "--grid", g, check=0)
+    data = bytearray(a.read_bytes())
+    nodes = 442
+    at = 6 * 4 + 25 + (2 * nodes + 9) * 4  # variable 3, node 10 of zone 1
+    value = struct.unpack("<f", data[at:at + 4])[0]
+    data[at:at + 4] = struct.pack("<f", value + 0.5)
+    b = tmp_path / "b.bin"
+    b.write_bytes(bytes(data))
+    p = run("diff", str(a), str(b), "--grid", g, "--atol", "1e-6", check=1)
+    assert "variable 3 (V) within tolerance: 1" in p.stdout
+    assert "zone 1 node 10 at (" in p.stdout
+    assert p.stdout.rstrip().endswith("1 check failed")
+    assert run("diff", str(a), str(b), "--grid", g, "-q", check=1).stdout == ""
+    assert run("diff", str(a), str(b), "--grid", g, "--atol", "0.6", check=0)
+
+
+def test_diff_exit_status_2_when_it_cannot_compare(samples, tmp_path):
+    g, p = str(samples / "flow2d-grid.unf"), str(samples / "flow2d-pix.unf")
+    assert "a pix file" in run("diff", g, p, "--grid", g, check=2).stderr
+    run("diff", p, p, check=2)  # pix files need their grid
+    run("diff", g, str(tmp_path / "missing"), check=2)
+    run("diff", g, g, "--atol", "-1", check=2)
+
+
+def test_info_bounding_box_stats_and_json(samples):
+    g, p = str(samples / "flow2d-grid.unf"), str(samples / "flow2d-pix.unf")
+    out = run("info", g, check=0).stdout
+    assert "x from 0 to" in out and "y from 0 to 0.75" in out
+    info = json.loads(run("info", g, "--json", check=0).stdout)
+    assert info["kind"] == "grid" and info["realbytes"] == 4 and len(info["zones"]) == 2
+    assert [b["name"] for b in info["boundingbox"]] == ["x", "y"]
+    stats = json.loads(run("info", p, "--grid", g, "--stats", "--json", check=0).stdout)["stats"]
+    assert len(stats) == 7 and 0.8 <= stats[0]["min"] < stats[0]["max"] <= 1.0
