@@ -67,6 +67,16 @@ auto guarded(const char* failure, const std::string& file, F&& body) -> decltype
   }
 }
 
+// The reader leaves the slots of ifnode past a face's node count as the allocation gave them; a view
+// shows them, so they are set to 0.
+zelm::grid cleared(zelm::grid g) {
+  const index_t width = g.ifnode.extent(1);
+  for (index_t f = 1; f <= g.npf.extent(1); ++f)
+    std::fill(g.ifnode.data() + (f - 1) * width + std::clamp<index_t>(g.npf(f), 0, width),
+              g.ifnode.data() + f * width, 0);
+  return g;
+}
+
 zelm::format formatof(int encoding, bool dblprec) {
   if (encoding < 0 || encoding > 2)
     throw py::value_error("encoding code " + std::to_string(encoding) + " is not 0, 1 or 2");
@@ -347,7 +357,7 @@ PYBIND11_MODULE(_zelmgrid, m) {
       "read_grid",
       [](const std::string& path, int enc, bool dbl) {
         const auto f = formatof(enc, dbl);
-        return guarded("ReadError", path, [&] { return zelm::readgrid(path, f); });
+        return guarded("ReadError", path, [&] { return cleared(zelm::readgrid(path, f)); });
       },
       py::arg("path"), py::arg("encoding"), py::arg("dblprec"));
   m.def(

@@ -10,7 +10,7 @@
 //
 // ENC is the encoding code (0, 1, 2), DBL 0 or 1. The dump on standard output is a series of items,
 // each a line "num NAME VALUE" (reals in hexadecimal floating point), "str NAME LENGTH" followed by
-// the bytes, or "arr NAME TYPE N1 N2" followed by the farray's memory (column-major, N1 x N2).
+// the bytes, or "arr NAME TYPE N1 [N2]" followed by the farray's memory (column-major, N1 x N2).
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -31,8 +31,9 @@ void str(const char* name, const std::string& s) {
 }
 template <class T, int R>
 void arr(const char* name, const fortran::farray<T, R>& a) {
-  std::printf("arr %s %s %lld %lld\n", name, sizeof(T) == 8 ? "f8" : "i4",
-              static_cast<long long>(a.extent(1)), static_cast<long long>(R == 2 ? a.extent(2) : 1));
+  std::printf("arr %s %s %lld", name, sizeof(T) == 8 ? "f8" : "i4", static_cast<long long>(a.extent(1)));
+  if constexpr (R == 2) std::printf(" %lld", static_cast<long long>(a.extent(2)));
+  std::printf("\n");
   std::fwrite(a.data(), sizeof(T), static_cast<std::size_t>(a.size()), stdout);
 }
 

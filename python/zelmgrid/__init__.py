@@ -31,7 +31,7 @@ attribute        shape                   contents
 ===============  ======================  ==========================================
 Grid.x           (nnodes, ndim)          coordinates, float64
 Grid.npf         (nfaces,)               node count of each face, int32
-Grid.ifnode      (nfaces, width)         node numbers of each face (width: largest mnpf), int32
+Grid.ifnode      (nfaces, width)         node numbers of each face (width: largest mnpf; 0 past npf)
 Grid.ifcell      (nfaces, 2)             the cells on either side of each face, int32
 Restart.q        (ncells, nvar)          cell solution, float64
 Pix.values       (nnodes, 6 + nfree)     node solution (six fixed variables, then free ones)
@@ -103,6 +103,12 @@ def _failure(path, message):
     return e
 
 
+def _fits(path, d):
+    """Refuses a solution file whose records or length do not fit its grid's zone counts."""
+    if d.problems:
+        raise _failure(path, f'"{path}" does not fit its grid: ' + "; ".join(d.problems))
+
+
 def _format(path, kind, encoding, dblprec, grid=None):
     """(code, dblprec, detection) to read `path` with: as given, or what its bytes say for the rest.
 
@@ -120,6 +126,7 @@ def _format(path, kind, encoding, dblprec, grid=None):
                              "to read it as the encoding given")
     if dblprec is None and d.dblprec is None:
         raise _failure(path, f'the precision of "{path}" cannot be told from its bytes: give dblprec')
+    _fits(path, d)
     return code, d.dblprec if dblprec is None else bool(dblprec), d
 
 
@@ -154,11 +161,14 @@ def read_restart(path, grid, nvar=None, encoding=None, dblprec=None):
     g = _zonegrid(grid)
     code, dbl, d = _format(path, "restart", encoding, dblprec, g)
     if nvar is None:
-        if d is None or d.nvar is None or d.encoding != ENCODINGS[code] or d.dblprec != dbl:
+        # text holds values, whatever their digits; raw files hold values of a width
+        fits = lambda d: d.nvar is not None and d.encoding == ENCODINGS[code] and (  # noqa: E731
+            code == 1 or d.dblprec == dbl)
+        if d is None or not fits(d):
             d = detect(path, g)
-        if d.nvar is None or d.encoding != ENCODINGS[code] or d.dblprec != dbl:
-            raise _failure(path, f'the number of variables of "{path}" cannot be told from its bytes'
-                                 + (f" ({'; '.join(d.problems)})" if d.problems else "") + ": give nvar")
+            _fits(path, d)
+        if not fits(d):
+            raise _failure(path, f'the number of variables of "{path}" cannot be told from its bytes: give nvar')
         nvar = d.nvar
     return _zelmgrid.read_restart(path, g.cells_per_zone, nvar, code, dbl)
 
