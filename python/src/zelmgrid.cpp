@@ -39,12 +39,39 @@ struct pixfile {
   std::vector<int> nodesperzone;
 };
 
+// ---- texts ------------------------------------------------------------------------------------
+
+// A message of the library's: it may quote bytes of a damaged file, which need not be UTF-8.
+py::str message(const std::string& s) {
+  return py::reinterpret_steal<py::str>(
+      PyUnicode_DecodeUTF8(s.data(), static_cast<Py_ssize_t>(s.size()), "backslashreplace"));
+}
+py::list messages(const std::vector<std::string>& v) {
+  py::list l;
+  for (const auto& s : v) l.append(message(s));
+  return l;
+}
+
+// The texts of a pix file are bytes, one a character: they pass as Latin-1, so that every byte
+// comes back as it was. Their 25 blank-padded characters lose the padding, which the writer puts
+// back.
+py::str fromtext(std::string s) {
+  s.erase(s.find_last_not_of(' ') + 1);
+  return py::reinterpret_steal<py::str>(
+      PyUnicode_DecodeLatin1(s.data(), static_cast<Py_ssize_t>(s.size()), nullptr));
+}
+std::string totext(const py::handle& s) {
+  const auto b = py::reinterpret_steal<py::bytes>(PyUnicode_AsLatin1String(py::str(s).ptr()));
+  if (!b) throw py::error_already_set();
+  return std::string(b);
+}
+
 // ---- errors -----------------------------------------------------------------------------------
 
 // Raises the package's exception class `cls` (zelmgrid.errors) with the message and the file.
-[[noreturn]] void raise(const char* cls, const std::string& message, const std::string& file) {
+[[noreturn]] void raise(const char* cls, const std::string& text, const std::string& file) {
   const py::object type = py::module_::import("zelmgrid.errors").attr(cls);
-  const py::object e = type(message);
+  const py::object e = type(message(text));
   e.attr("file") = file;
   PyErr_SetObject(type.ptr(), e.ptr());
   throw py::error_already_set();
@@ -179,12 +206,6 @@ zelm::grid makegrid(int ndim, const std::vector<zelm::zonecounts>& zones, py::ha
   return g;
 }
 
-// Texts are 25 blank-padded characters in the files; the writers pad them again.
-std::string trimmed(std::string s) {
-  s.erase(s.find_last_not_of(' ') + 1);
-  return s;
-}
-
 std::string zonestext(std::size_t n) {
   return std::to_string(n) + (n == 1 ? " zone" : " zones");
 }
@@ -203,7 +224,7 @@ py::tuple detect(const std::string& path, const zelm::grid* grid) {
     return py::make_tuple(known(d.kind != zelmtool::filekind::unknown, py::str(zelmtool::kindname(d.kind))),
                           known(d.encodingknown, py::int_(static_cast<int>(d.enc))),
                           known(d.precisionknown, py::bool_(d.dblprec)), known(d.nvar >= 0, py::int_(d.nvar)),
-                          d.evidence, d.problems);
+                          messages(d.evidence), messages(d.problems));
   });
 }
 
@@ -311,17 +332,17 @@ PYBIND11_MODULE(_zelmgrid, m) {
 
   py::class_<pixfile>(m, "Pix")
       .def(py::init([](const std::vector<int>& nodesperzone, py::handle values,
-                       const std::vector<std::string>& labels, const std::string& text) {
+                       const std::vector<py::str>& labels, const py::str& text) {
              pixfile f;
              f.nodesperzone = nodesperzone;
-             f.p.labels = labels;
-             f.p.text = text;
+             for (const auto& l : labels) f.p.labels.push_back(totext(l));
+             f.p.text = totext(text);
              f.p.values = farrayof<double>(values, "values", total(nodesperzone, "nodes_per_zone"),
                                            6 + static_cast<index_t>(labels.size()));
              return f;
            }),
-           py::arg("nodes_per_zone"), py::arg("values"), py::arg("labels") = std::vector<std::string>{},
-           py::arg("text") = "")
+           py::arg("nodes_per_zone"), py::arg("values"), py::arg("labels") = std::vector<py::str>{},
+           py::arg("text") = py::str(""))
       .def_property(
           "dvar", [](const pixfile& f) { return f.p.dvar; }, [](pixfile& f, double v) { f.p.dvar = v; })
       .def_property(
@@ -335,12 +356,12 @@ PYBIND11_MODULE(_zelmgrid, m) {
       .def_property(
           "dp0", [](const pixfile& f) { return f.p.dp0; }, [](pixfile& f, double v) { f.p.dp0 = v; })
       .def_property(
-          "text", [](const pixfile& f) { return trimmed(f.p.text); },
-          [](pixfile& f, const std::string& v) { f.p.text = v; })
+          "text", [](const pixfile& f) { return fromtext(f.p.text); },
+          [](pixfile& f, const py::str& v) { f.p.text = totext(v); })
       .def_property_readonly("labels",
                              [](const pixfile& f) {
-                               std::vector<std::string> v;
-                               for (const auto& l : f.p.labels) v.push_back(trimmed(l));
+                               py::list v;
+                               for (const auto& l : f.p.labels) v.append(fromtext(l));
                                return v;
                              })
       .def_readonly("nodes_per_zone", &pixfile::nodesperzone)
