@@ -53,7 +53,7 @@ def fortranfile(path):
 
 
 def main(typedref, cells=1000000, runs=5):
-    with tempfile.TemporaryDirectory() as d:
+    with tempfile.TemporaryDirectory(dir="/tmp") as d:  # the grid routine takes names of 40 characters
         path = os.path.join(d, "grid.unf")
         subprocess.run([typedref, "gen", str(cells), path], check=True)
         g = zelmgrid.read_grid(path)

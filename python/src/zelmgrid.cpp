@@ -206,6 +206,14 @@ zelm::grid makegrid(int ndim, const std::vector<zelm::zonecounts>& zones, py::ha
   return g;
 }
 
+// A header value of a file's object (`part` of File), read and written from Python.
+template <class File, class Part, class T>
+void headerfield(py::class_<File>& cls, const char* name, Part File::*part, T Part::*member) {
+  cls.def_property(
+      name, [part, member](const File& f) { return f.*part.*member; },
+      [part, member](File& f, T v) { f.*part.*member = v; });
+}
+
 std::string zonestext(std::size_t n) {
   return std::to_string(n) + (n == 1 ? " zone" : " zones");
 }
@@ -288,7 +296,8 @@ PYBIND11_MODULE(_zelmgrid, m) {
                std::to_string(g.totalcells()) + " cells>";
       });
 
-  py::class_<restartfile>(m, "Restart")
+  py::class_<restartfile> restart(m, "Restart");
+  restart
       .def(py::init([](const std::vector<int>& cellsperzone, py::handle q) {
              restartfile f;
              f.cellsperzone = cellsperzone;
@@ -298,28 +307,6 @@ PYBIND11_MODULE(_zelmgrid, m) {
              return f;
            }),
            py::arg("cells_per_zone"), py::arg("q"))
-      .def_property(
-          "dtime", [](const restartfile& f) { return f.r.dtime; },
-          [](restartfile& f, double v) { f.r.dtime = v; })
-      .def_property(
-          "lastcyc", [](const restartfile& f) { return f.r.lastcyc; },
-          [](restartfile& f, int v) { f.r.lastcyc = v; })
-      .def_property(
-          "rstype", [](const restartfile& f) { return f.r.rstype; },
-          [](restartfile& f, int v) { f.r.rstype = v; })
-      .def_property(
-          "dgamma", [](const restartfile& f) { return f.r.dgamma; },
-          [](restartfile& f, double v) { f.r.dgamma = v; })
-      .def_property(
-          "drgas", [](const restartfile& f) { return f.r.drgas; },
-          [](restartfile& f, double v) { f.r.drgas = v; })
-      .def_property(
-          "dr0", [](const restartfile& f) { return f.r.dr0; }, [](restartfile& f, double v) { f.r.dr0 = v; })
-      .def_property(
-          "drm0", [](const restartfile& f) { return f.r.drm0; },
-          [](restartfile& f, double v) { f.r.drm0 = v; })
-      .def_property(
-          "dp0", [](const restartfile& f) { return f.r.dp0; }, [](restartfile& f, double v) { f.r.dp0 = v; })
       .def_readonly("cells_per_zone", &restartfile::cellsperzone)
       .def_property_readonly("ncells", [](const restartfile& f) { return f.r.q.extent(2); })
       .def_property_readonly("nvar", [](const restartfile& f) { return f.r.q.extent(1); })
@@ -330,31 +317,19 @@ PYBIND11_MODULE(_zelmgrid, m) {
                std::to_string(f.r.lastcyc) + ">";
       });
 
-  py::class_<pixfile>(m, "Pix")
-      .def(py::init([](const std::vector<int>& nodesperzone, py::handle values,
-                       const std::vector<py::str>& labels, const py::str& text) {
-             pixfile f;
-             f.nodesperzone = nodesperzone;
-             for (const auto& l : labels) f.p.labels.push_back(totext(l));
-             f.p.text = totext(text);
-             f.p.values = farrayof<double>(values, "values", total(nodesperzone, "nodes_per_zone"),
-                                           6 + static_cast<index_t>(labels.size()));
-             return f;
-           }),
-           py::arg("nodes_per_zone"), py::arg("values"), py::arg("labels") = std::vector<py::str>{},
-           py::arg("text") = py::str(""))
-      .def_property(
-          "dvar", [](const pixfile& f) { return f.p.dvar; }, [](pixfile& f, double v) { f.p.dvar = v; })
-      .def_property(
-          "dgamma", [](const pixfile& f) { return f.p.dgamma; }, [](pixfile& f, double v) { f.p.dgamma = v; })
-      .def_property(
-          "drgas", [](const pixfile& f) { return f.p.drgas; }, [](pixfile& f, double v) { f.p.drgas = v; })
-      .def_property(
-          "dr0", [](const pixfile& f) { return f.p.dr0; }, [](pixfile& f, double v) { f.p.dr0 = v; })
-      .def_property(
-          "drm0", [](const pixfile& f) { return f.p.drm0; }, [](pixfile& f, double v) { f.p.drm0 = v; })
-      .def_property(
-          "dp0", [](const pixfile& f) { return f.p.dp0; }, [](pixfile& f, double v) { f.p.dp0 = v; })
+  py::class_<pixfile> pix(m, "Pix");
+  pix.def(py::init([](const std::vector<int>& nodesperzone, py::handle values,
+                      const std::vector<py::str>& labels, const py::str& text) {
+            pixfile f;
+            f.nodesperzone = nodesperzone;
+            for (const auto& l : labels) f.p.labels.push_back(totext(l));
+            f.p.text = totext(text);
+            f.p.values = farrayof<double>(values, "values", total(nodesperzone, "nodes_per_zone"),
+                                          6 + static_cast<index_t>(labels.size()));
+            return f;
+          }),
+          py::arg("nodes_per_zone"), py::arg("values"), py::arg("labels") = std::vector<py::str>{},
+          py::arg("text") = py::str(""))
       .def_property(
           "text", [](const pixfile& f) { return fromtext(f.p.text); },
           [](pixfile& f, const py::str& v) { f.p.text = totext(v); })
@@ -373,6 +348,24 @@ PYBIND11_MODULE(_zelmgrid, m) {
         return "<zelmgrid.Pix " + std::to_string(f.p.values.extent(1)) + " variables, " +
                zonestext(f.nodesperzone.size()) + ", " + std::to_string(f.p.values.extent(2)) + " nodes>";
       });
+
+  using zelm::restart, zelm::pix;
+  for (auto [name, member] : {std::pair{"dtime", &restart::dtime},
+                              {"dgamma", &restart::dgamma},
+                              {"drgas", &restart::drgas},
+                              {"dr0", &restart::dr0},
+                              {"drm0", &restart::drm0},
+                              {"dp0", &restart::dp0}})
+    headerfield(restart, name, &restartfile::r, member);
+  headerfield(restart, "lastcyc", &restartfile::r, &restart::lastcyc);
+  headerfield(restart, "rstype", &restartfile::r, &restart::rstype);
+  for (auto [name, member] : {std::pair{"dvar", &pix::dvar},
+                              {"dgamma", &pix::dgamma},
+                              {"drgas", &pix::drgas},
+                              {"dr0", &pix::dr0},
+                              {"drm0", &pix::drm0},
+                              {"dp0", &pix::dp0}})
+    headerfield(pix, name, &pixfile::p, member);
 
   m.def(
       "read_grid",

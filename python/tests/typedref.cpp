@@ -19,6 +19,7 @@
 #include "gridgen.hpp"
 #include "zelmgrid/files.hpp"
 #include "zelmgrid/io.hpp"
+#include "zelmgrid/mod_zelmgrid.hpp"
 
 namespace {
 
@@ -58,24 +59,15 @@ void dumpgrid(const zelm::grid& g) {
   arr("ifcell", g.ifcell);
 }
 
-// The generator's grid of about `cells` cells in the typed form.
-zelm::grid generated(std::int64_t cells) {
+// A generated grid of about `cells` cells, written by the grid routine (names up to 40 characters).
+void generate(std::int64_t cells, const std::string& path) {
+  if (path.size() > 40) throw std::runtime_error("the grid's name must fit 40 characters");
   const int n = zelmgen::edgeforcells(cells);
-  const auto s = zelmgen::tetprism(n, n, n, n / 2);
-  zelm::grid g;
-  g.ndim = s.ndim;
-  g.aux = s.ngridaux;
-  for (int k = 1; k <= s.nzones; ++k)
-    g.zones.push_back({s.nptsz(k), s.nfacesz(k), s.ncellsz(k), s.mnpfz(k), s.mfpcz(k)});
-  g.x.allocate(s.x.extent(1), s.x.extent(2));
-  std::copy(s.x.data(), s.x.data() + s.x.size(), g.x.data());
-  g.npf.allocate(s.npf.extent(1));
-  std::copy(s.npf.data(), s.npf.data() + s.npf.size(), g.npf.data());
-  g.ifnode.allocate(s.ifnode.extent(1), s.ifnode.extent(2));
-  std::copy(s.ifnode.data(), s.ifnode.data() + s.ifnode.size(), g.ifnode.data());
-  g.ifcell.allocate(s.ifcell.extent(1), s.ifcell.extent(2));
-  std::copy(s.ifcell.data(), s.ifcell.data() + s.ifcell.size(), g.ifcell.data());
-  return g;
+  const auto g = zelmgen::tetprism(n, n, n, n / 2);
+  mod_zelmgrid::io::setstdout(nullptr);
+  mod_zelmgrid::writezelmgrid(path, 0, 0, g.ndim, g.nzones, g.ngridaux, g.x, g.nptsz, g.nfacesz, g.ncellsz,
+                              g.mnpfz, g.mfpcz, g.npf, g.ifnode, g.ifcell);
+  mod_zelmgrid::io::close(4);  // the routine leaves its unit connected
 }
 
 }  // namespace
@@ -120,7 +112,7 @@ int main(int argc, char** argv) {
       }
       std::printf("%.6f\n", best);
     } else if (mode == "gen" && argc == 4) {
-      zelm::writegrid(argv[3], {zelm::encoding::unformatted, false}, generated(std::atoll(argv[2])));
+      generate(std::atoll(argv[2]), argv[3]);
     } else {
       std::fprintf(stderr, "usage: typedref grid|restart|pix|time|gen ... (see the source)\n");
       return 2;
