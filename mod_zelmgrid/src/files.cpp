@@ -343,7 +343,7 @@ pix readpix(const std::string& file, format f, const std::vector<int>& nodesperz
   }
   if (nfree < 0) tf.invalid("negative free-variable count " + std::to_string(nfree));
   tf.prove("the free-variable count", nfree, tf.text ? 1 : 25 + tf.markers(),
-           static_cast<big>(6 + nfree) * nnodes * 8);
+           (6 + static_cast<big>(nfree)) * nnodes * 8);
   for (int k = 1; k <= nfree; ++k) {
     tf.u.context = {"label", k};
     tf.check(io::readtext(tf.u, tf.text, t));
