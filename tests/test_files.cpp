@@ -27,7 +27,8 @@ zelm::grid typedgrid(int zones) {
   for (int k = 1; k <= g.nzones; ++k)
     t.zones.push_back({g.nptsz(k), g.nfacesz(k), g.ncellsz(k), g.mnpfz(k), g.mfpcz(k)});
   t.x.allocate(g.ndim, g.x.extent(2));
-  for (fortran::index_t i = 0; i < g.x.size(); ++i) t.x.data()[i] = g.x.data()[i] + 1e-9 * i;  // not a float
+  for (fortran::index_t i = 0; i < g.x.size(); ++i)
+    t.x.data()[i] = g.x.data()[i] + 1e-9 * static_cast<double>(i);  // not a float
   t.npf.allocate(g.npf.extent(1));
   t.ifnode.allocate(g.ifnode.extent(1), g.ifnode.extent(2));
   t.ifcell.allocate(2, g.ifcell.extent(2));
@@ -95,7 +96,9 @@ TEST_P(typedfiles, PixWithAndWithoutFreeVariables) {
     const auto b = zelm::readpix("p.dat", f, nodes);
     EXPECT_EQ(b.text, "run 7" + std::string(20, ' '));
     ASSERT_EQ(b.labels.size(), static_cast<std::size_t>(nfree));
-    if (nfree > 0) EXPECT_EQ(b.labels[1], "label 2" + std::string(18, ' '));
+    if (nfree > 0) {
+      EXPECT_EQ(b.labels[1], "label 2" + std::string(18, ' '));
+    }
     ASSERT_EQ(b.values.extent(1), 6 + nfree);
     for (int v = 1; v <= 6 + nfree; ++v)
       for (int n = 1; n <= 6; ++n) EXPECT_EQ(b.values(v, n), expected(p.values(v, n), f));

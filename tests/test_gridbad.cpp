@@ -211,7 +211,9 @@ TEST_P(badgrid, TruncatedInAFaceRecord) {
   }
   EXPECT_EQ(r.npf(4), 0);  // zone 2's first face, a face without nodes
   EXPECT_EQ(r.ifcell(1, 4), 4);
-  if (filetype != formatted) EXPECT_EQ(r.npf(5), 3);  // the count was read before the file ended
+  if (filetype != formatted) {
+    EXPECT_EQ(r.npf(5), 3);  // the count was read before the file ended
+  }
 }
 
 TEST_P(badgrid, AnEmptyFile) {
@@ -267,11 +269,14 @@ TEST_P(badgrid, GarbageBytes) {
     zt::services().clear();
     zt::grid r;
     r.read("bad.dat", filetype, wide);
-    if (header) EXPECT_EQ(zt::services().readerrors, 1) << "trial " << trial;
-    if (zt::services().readerrors > 0)
+    if (header) {
+      EXPECT_EQ(zt::services().readerrors, 1) << "trial " << trial;
+    }
+    if (zt::services().readerrors > 0) {
       EXPECT_NE(zt::services().lastdetail.find("\"bad.dat\" (" + std::string(encodingword(filetype))),
                 std::string::npos)
           << zt::services().lastdetail;
+    }
     io::close(13);
     zt::services().clear();
     int ndim = 0, nzones = 0, ngridaux = 0;
@@ -317,7 +322,7 @@ INSTANTIATE_TEST_SUITE_P(encodings, badgrid,
                                            badcase{formatted, false}),
                          badcasename);
 
-void readheader(const fortran::char40& name, int filetype) {
+static void readheader(const fortran::char40& name, int filetype) {
   int ndim = 0, nzones = 0, ngridaux = 0;
   farray<int, 1> nptsz, ncellsz;
   readzelmgridheader(name, filetype, ndim, nzones, ngridaux, nptsz, ncellsz);

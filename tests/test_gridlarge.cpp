@@ -146,7 +146,7 @@ TEST_F(largegridfiles, NodeCountBeyondIfnodeInTheMiddleFailsAtItsFaceAndRecord) 
       off = 12 + 20 * static_cast<std::size_t>(g.nzones) + 12 * static_cast<std::size_t>(g.nptsz(1));
       for (index_t f = 1; f < face; ++f) off += 4 * static_cast<std::size_t>(g.npf(f) + 3);
     }
-    const std::int32_t too = g.ifnode.extent(1) + 1;
+    const auto too = static_cast<std::int32_t>(g.ifnode.extent(1) + 1);
     std::memcpy(file.data() + off, &too, 4);
     zt::writefile("g.dat", file);
 

@@ -234,7 +234,7 @@ struct listcase {
   const char* expect;  // the values read, as "%g" separated by blanks ("_" for unchanged)
 };
 
-void PrintTo(const listcase& c, std::ostream* os) {
+static void PrintTo(const listcase& c, std::ostream* os) {
   *os << ::testing::PrintToString(std::string(c.text));
 }
 

@@ -438,7 +438,7 @@ class pixencoding : public pixfiles, public ::testing::WithParamInterface<encpar
   logical dblprec() const { return std::get<1>(GetParam()); }
   bool wide() const { return raw(filetype()) && fortran::istrue(dblprec()); }
 };
-std::string encparamname(const ::testing::TestParamInfo<encparam>& i) {
+static std::string encparamname(const ::testing::TestParamInfo<encparam>& i) {
   return std::string(encname(std::get<0>(i.param))) + (std::get<1>(i.param) ? "_r8" : "_r4");
 }
 
@@ -576,10 +576,12 @@ TEST_P(pixencoding, EmptyZoneStillTakesOneRecord) {
   const auto src = zt::makepix(7, 5);
   h.set(1);
   writezelmpixfile("p.dat", filetype(), dblprec(), 3, nptsz, src);
-  if (filetype() == unformatted)
+  if (filetype() == unformatted) {
     EXPECT_EQ(zt::readfile("p.dat"), rawfile(true, wide(), h, 3, nptsz, src, 1, true));
-  if (filetype() == binary)
+  }
+  if (filetype() == binary) {
     EXPECT_EQ(zt::readfile("p.dat"), rawfile(false, wide(), h, 3, nptsz, src, 1, true));
+  }
   zt::scramblemodule();
   const auto p = readwhole("p.dat", filetype(), dblprec(), 3, nptsz);
   expectwholeread(p, filetype(), dblprec(), 3, nptsz, src, 1, h);
@@ -667,7 +669,9 @@ TEST_P(pixencoding, MoreThanTwentyFreeVariablesStayInStepAndTouchNothingBeyondSt
   EXPECT_EQ(zt::services().readerrors, 0) << zt::services().lastdetail;
   EXPECT_EQ(nfree, 22);
   EXPECT_EQ(strfree(20).view(), text25("label 20"));
-  if (!wide()) EXPECT_EQ(q(1, 1), src(7, 1));
+  if (!wide()) {
+    EXPECT_EQ(q(1, 1), src(7, 1));
+  }
 }
 
 TEST_P(pixencoding, TruncatedInsideFixedVariablesFailsInTheSizingPassBeforeAllocating) {

@@ -195,9 +195,10 @@ TEST_P(pixreferencenext, FilesWrittenByGfortranAreReadByTheOneVariableReader) {
         }
       }
       for (index_t c = 1; c <= p.extent(2); ++c)
-        if (want[static_cast<std::size_t>(c - 1)])
+        if (want[static_cast<std::size_t>(c - 1)]) {
           EXPECT_EQ(zt::bits(p(1, c)), *want[static_cast<std::size_t>(c - 1)])
               << "variable " << v << " column " << c;
+        }
     }
     EXPECT_EQ(nfree, l.nfree);
     io::close(13);

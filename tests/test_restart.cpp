@@ -188,10 +188,10 @@ TEST_P(roundtrip, BothWritersWriteTheSameBytes) {
 INSTANTIATE_TEST_SUITE_P(encodings, roundtrip,
                          ::testing::Combine(::testing::Values(unformatted, formatted, binary),
                                             ::testing::Values(0, 1), ::testing::Values(0, 1, 2)),
-                         [](const auto& info) {
-                           return std::string(encodingname(std::get<0>(info.param))) +
-                                  (std::get<1>(info.param) ? "_r8_" : "_r4_") +
-                                  std::to_string(zonecases[std::get<2>(info.param)].nzones) + "zones";
+                         [](const auto& test) {
+                           return std::string(encodingname(std::get<0>(test.param))) +
+                                  (std::get<1>(test.param) ? "_r8_" : "_r4_") +
+                                  std::to_string(zonecases[std::get<2>(test.param)].nzones) + "zones";
                          });
 
 // ---- exact bytes of each encoding ------------------------------------------------------------
@@ -221,9 +221,9 @@ TEST_P(rawbytes, WriterLaysOutHeaderAndZonesRecordByRecord) {
 
 INSTANTIATE_TEST_SUITE_P(encodings, rawbytes,
                          ::testing::Combine(::testing::Values(unformatted, binary), ::testing::Values(0, 1)),
-                         [](const auto& info) {
-                           return std::string(encodingname(std::get<0>(info.param))) +
-                                  (std::get<1>(info.param) ? "_r8" : "_r4");
+                         [](const auto& test) {
+                           return std::string(encodingname(std::get<0>(test.param))) +
+                                  (std::get<1>(test.param) ? "_r8" : "_r4");
                          });
 
 TEST_F(restart, FramedBytesWithFourByteRealsSpelledOut) {
@@ -1040,9 +1040,9 @@ TEST_P(truncated, InsideAVariableRecord) {
 INSTANTIATE_TEST_SUITE_P(encodings, truncated,
                          ::testing::Combine(::testing::Values(unformatted, formatted, binary),
                                             ::testing::Values(0, 1)),
-                         [](const auto& info) {
-                           return std::string(encodingname(std::get<0>(info.param))) +
-                                  (std::get<1>(info.param) ? "_r8" : "_r4");
+                         [](const auto& test) {
+                           return std::string(encodingname(std::get<0>(test.param))) +
+                                  (std::get<1>(test.param) ? "_r8" : "_r4");
                          });
 
 // ---- bad input: wrong precision and garbage ---------------------------------------------------

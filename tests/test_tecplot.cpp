@@ -33,15 +33,15 @@ class tecplot : public zt::zelmtest {
       g.write(fortran::char40(name));
     } catch (...) {  // a stop or failure: release both captures first
       std::fflush(stdout);
-      out = ::testing::internal::GetCapturedStdout();
+      printed = ::testing::internal::GetCapturedStdout();
       err = ::testing::internal::GetCapturedStderr();
       throw;
     }
-    out = ::testing::internal::GetCapturedStdout();
+    printed = ::testing::internal::GetCapturedStdout();
     err = ::testing::internal::GetCapturedStderr();
-    return out;
+    return printed;
   }
-  std::string out, err;
+  std::string printed, err;  // what the last run printed
 };
 
 strings filelines(const std::string& name) {

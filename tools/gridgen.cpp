@@ -199,7 +199,8 @@ grid assemble(const std::vector<const zonegrid*>& zones) {
     g.mfpcz(k + 1) = z.mfpc;
     for (index_t i = 0; i < nn; ++i)
       for (int d = 0; d < g.ndim; ++d)
-        g.x(d + 1, n0 + i + 1) = z.x[static_cast<std::size_t>(i * g.ndim + d)] + (d == 0 ? 1.25f * k : 0.0f);
+        g.x(d + 1, n0 + i + 1) =
+            z.x[static_cast<std::size_t>(i * g.ndim + d)] + (d == 0 ? 1.25f * static_cast<float>(k) : 0.0f);
     for (index_t f = 0; f < nf; ++f) {
       const auto sf = static_cast<std::size_t>(f);
       g.npf(f0 + f + 1) = z.npf[sf];

@@ -441,7 +441,8 @@ bool builder::buildsolid(std::string& why) {
     for (std::int64_t j = 0; j < n; ++j) {
       const std::int64_t v = cfaces_[static_cast<std::size_t>(b + j)];
       const vec3 p{coord(g_, v, 0), coord(g_, v, 1), coord(g_, v, 2)};
-      centre = {centre.x + p.x / n, centre.y + p.y / n, centre.z + p.z / n};
+      const double dn = static_cast<double>(n);
+      centre = {centre.x + p.x / dn, centre.y + p.y / dn, centre.z + p.z / dn};
       lo = {std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z)};
       hi = {std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z)};
     }

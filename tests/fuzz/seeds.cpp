@@ -182,7 +182,7 @@ std::vector<std::pair<std::string, std::string>> seeds(const std::string& target
         {"count", " 3 10 20 30 0.5\n 2 1 2 9.5\n"},
     };
     for (const auto& [tname, text] : texts) {
-      for (std::uint8_t prog : {0, 1, 2}) {
+      for (const int prog : {0, 1, 2}) {
         params p;
         p.code = 7;
         p.flags = 1;

@@ -67,7 +67,7 @@ std::string listrealof(T v) {
           sign + (q < 0 ? "0." + ds : ds.substr(0, static_cast<std::size_t>(q + 1)) + "." + ds.substr(q + 1));
       return " " + std::string(fixedwidth - fixed.size(), ' ') + fixed + std::string(width - fixedwidth, ' ');
     }
-    char exponent[8];
+    char exponent[16];  // room for any int, as the compiler cannot bound q
     std::snprintf(exponent, sizeof exponent, "%0*d", four ? 2 : 3, q < 0 ? -q : q);
     text = sign + ds.substr(0, 1) + "." + ds.substr(1) + "E" + (q < 0 ? "-" : "+") + exponent;
   }
