@@ -8,11 +8,11 @@
 //                                      (default /dev/shm, so that no disk is timed)
 #include <algorithm>
 #include <charconv>
-#include <ctime>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <random>
 #include <string>
 #include <vector>
@@ -69,7 +69,8 @@ void measure(const char* name, const std::vector<T>& v, const std::string& dir) 
     io::open(31, file, "formatted", "unknown");
     io::unit& u = io::getunit(31);
     for (std::size_t i = 0; i < v.size(); i += 8)
-      io::listwrite(u, io::items(v.data() + i, static_cast<io::index_t>(std::min<std::size_t>(8, v.size() - i))));
+      io::listwrite(
+          u, io::items(v.data() + i, static_cast<io::index_t>(std::min<std::size_t>(8, v.size() - i))));
     io::close(31);
   });
   std::vector<char> buf(1 << 20);

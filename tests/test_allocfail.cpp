@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <string>
 
-#include "tecplot.hpp"
 #include "gridgen.hpp"
+#include "tecplot.hpp"
 #include "tecplotgrids.hpp"
 #include "testsupport.hpp"
 

@@ -46,8 +46,8 @@ index_t onboundary(const zelm::grid& g) {
 }
 
 TEST(Check, GeneratedGridsAreSound) {
-  for (const auto& g :
-       {quads(), tets(), zelmgen::typed(zelmgen::quadtri(5, 4, true, 3)), zelmgen::typed(zelmgen::tetprism(3, 2, 3, 0, 2))}) {
+  for (const auto& g : {quads(), tets(), zelmgen::typed(zelmgen::quadtri(5, 4, true, 3)),
+                        zelmgen::typed(zelmgen::tetprism(3, 2, 3, 0, 2))}) {
     const auto r = zc::checkgrid(g);
     EXPECT_EQ(r.failed(), 0) << zc::text(r, "grid OK");
     EXPECT_NE(zc::text(r, "grid OK").find("from side 1 to side 2"), std::string::npos);

@@ -7,8 +7,8 @@
 #include <tuple>
 #include <vector>
 
-#include "records.hpp"
 #include "pixfixtures.hpp"
+#include "records.hpp"
 
 namespace io = mod_zelmgrid::io;
 using namespace mod_zelmgrid;

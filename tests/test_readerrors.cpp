@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "records.hpp"
 #include "gridgen.hpp"
+#include "records.hpp"
 #include "testsupport.hpp"
 
 namespace io = mod_zelmgrid::io;

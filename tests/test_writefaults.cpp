@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "records.hpp"
 #include "gridgen.hpp"
+#include "records.hpp"
 #include "tecplotgrids.hpp"
 #include "testsupport.hpp"
 

@@ -1,7 +1,7 @@
 // The zelm tool under write faults: a conversion that cannot be written whole (the file size limit
 // of the process stands in for a full disk; a missing folder for a refused open) is an error of the
-// environment: it ends with status 2 and a message naming the requested output, and leaves nothing under that name - neither a
-// half-written file nor a temporary beside it - and an existing output as it was.
+// environment: it ends with status 2 and a message naming the requested output, and leaves nothing under that
+// name - neither a half-written file nor a temporary beside it - and an existing output as it was.
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -63,7 +63,8 @@ class zelmfaults : public zt::zelmtest {
 TEST_F(zelmfaults, ConvertOnAFullDiskLeavesNoOutputAndNoTemporary) {
   const result r = sh(limited(zelm + " convert in.unf out.txt --encoding formatted --precision double"));
   EXPECT_EQ(r.status, 2) << r.output;
-  EXPECT_NE(r.output.find("zelm: cannot write \"out.txt\" (left as it was): "), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("zelm: cannot write \"out.txt\" (left as it was): "), std::string::npos)
+      << r.output;
   EXPECT_NE(r.output.find("File too large"), std::string::npos) << r.output;
   EXPECT_FALSE(fs::exists("out.txt"));
   EXPECT_FALSE(leftovers());

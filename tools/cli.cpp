@@ -68,11 +68,11 @@ commandline parse(int argc, const char* const* argv, const std::vector<verbspec>
     const auto [name, value] = split(words[i], anyvalued);
     if (contains(anyvalued, name) && value.empty() && words[i].find('=') == std::string::npos) ++i;
   }
-  const verbspec* spec = nullptr;
+  const verbspec* syntax = nullptr;
   if (at < words.size()) {
     c.verb = words[at];
     for (const auto& v : verbs)
-      if (v.name == c.verb) spec = &v;
+      if (v.name == c.verb) syntax = &v;
   }
 
   bool ended = false;
@@ -88,15 +88,15 @@ commandline parse(int argc, const char* const* argv, const std::vector<verbspec>
       continue;
     }
     if (globaloption(s, c.global)) continue;
-    if (spec == nullptr) {
+    if (syntax == nullptr) {
       if (c.verb.empty()) die("unknown option " + s + " (options of a verb come with the verb)", 2);
       continue;  // the unknown verb is the failure to report
     }
-    const auto [name, inword] = split(s, spec->valued);
-    if (contains(spec->flags, name)) {
+    const auto [name, inword] = split(s, syntax->valued);
+    if (contains(syntax->flags, name)) {
       if (name != s) die("option " + name + " takes no value", 2);
       c.options.insert_or_assign(name, std::string("set"));
-    } else if (contains(spec->valued, name)) {
+    } else if (contains(syntax->valued, name)) {
       if (name != s) {
         c.options[name] = inword;
       } else if (i + 1 >= words.size() || isoption(words[i + 1])) {
@@ -108,7 +108,7 @@ commandline parse(int argc, const char* const* argv, const std::vector<verbspec>
       die("unknown option " + s + " for " + c.verb, 2);
     }
   }
-  if (!c.verb.empty() && spec == nullptr && !c.global.help) die("unknown verb \"" + c.verb + "\"", 2);
+  if (!c.verb.empty() && syntax == nullptr && !c.global.help) die("unknown verb \"" + c.verb + "\"", 2);
   return c;
 }
 

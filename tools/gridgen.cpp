@@ -70,11 +70,14 @@ std::array<std::array<int, 4>, 3> splitprism(const std::array<int, 6>& v) {
 // The sign of the volume of the tetrahedron t: positive when t[3] lies on the side of the triangle
 // t[0] t[1] t[2] that its right-hand normal points to.
 double handedness(const zonegrid& z, const std::array<int, 4>& t) {
-  const auto at = [&](int node, int d) { return static_cast<double>(z.x[static_cast<std::size_t>(3 * (node - 1) + d)]); };
+  const auto at = [&](int node, int d) {
+    return static_cast<double>(z.x[static_cast<std::size_t>(3 * (node - 1) + d)]);
+  };
   double e[3][3];
   for (int k = 0; k < 3; ++k)
     for (int d = 0; d < 3; ++d) e[k][d] = at(t[static_cast<std::size_t>(k + 1)], d) - at(t[0], d);
-  return e[0][0] * (e[1][1] * e[2][2] - e[1][2] * e[2][1]) - e[0][1] * (e[1][0] * e[2][2] - e[1][2] * e[2][0]) +
+  return e[0][0] * (e[1][1] * e[2][2] - e[1][2] * e[2][1]) -
+         e[0][1] * (e[1][0] * e[2][2] - e[1][2] * e[2][0]) +
          e[0][2] * (e[1][0] * e[2][1] - e[1][1] * e[2][0]);
 }
 

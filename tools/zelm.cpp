@@ -19,9 +19,9 @@
 #include "gridgen.hpp"
 #include "output.hpp"
 #include "progress.hpp"
+#include "zelmgrid/check.hpp"
 #include "zelmgrid/error.hpp"
 #include "zelmgrid/export.hpp"
-#include "zelmgrid/check.hpp"
 #include "zelmgrid/files.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
 #include "zelmgrid/tecplot.hpp"
@@ -868,7 +868,7 @@ int sample(const commandline& a) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::vector<zelmtool::verbspec> specs = {
+  const std::vector<zelmtool::verbspec> syntaxes = {
       {"info", {"--grid", "--nvar"}, {"--stats", "--json"}},
       {"check", {"--pix", "--restart", "--nvar", "--density", "--pressure"}, {"--json"}},
       {"diff", {"--grid", "--atol", "--rtol", "--ulps", "--nvar"}, {"--json"}},
@@ -899,7 +899,7 @@ int main(int argc, char** argv) {
   };
   int result = status::done;
   try {
-    const commandline c = zelmtool::parse(argc, argv, specs);
+    const commandline c = zelmtool::parse(argc, argv, syntaxes);
     global = c.global;
     if (global.version) {
       std::printf("zelm %s\n", ZELM_VERSION);

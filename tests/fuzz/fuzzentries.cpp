@@ -1,5 +1,4 @@
 // The fuzz targets' entry points: decode the leading bytes, write the file, call the routine.
-#include "records.hpp"
 #include "fuzzentries.hpp"
 
 #include <fcntl.h>
@@ -13,6 +12,7 @@
 #include <filesystem>
 #include <string_view>
 
+#include "records.hpp"
 #include "zelmgrid/mod_zelmgrid.hpp"
 
 namespace zelmfuzz {

@@ -66,7 +66,8 @@ void zelm_writezelmgrid(const char* filename, const int* filetype, const int* db
                         const int* nptsz, int64_t nptsz1, const int* nfacesz, int64_t nfacesz1,
                         const int* ncellsz, int64_t ncellsz1, const int* mnpfz, int64_t mnpfz1,
                         const int* mfpcz, int64_t mfpcz1, const int* npf, int64_t npf1, const int* ifnode,
-                        int64_t ifnode1, int64_t ifnode2, const int* ifcell, int64_t ifcell1, int64_t ifcell2);
+                        int64_t ifnode1, int64_t ifnode2, const int* ifcell, int64_t ifcell1,
+                        int64_t ifcell2);
 
 /* ---- restart files ------------------------------------------------------------------------- */
 
@@ -76,9 +77,9 @@ void zelm_readnextzelmrstrtvar(const int* ivar, const char* filename, const int*
                                const int* nzones, const int* ncellsz, int64_t ncellsz1, CFI_cdesc_t* q);
 void zelm_writezelmrstrtfile(const char* filename, const int* filetype, const int* dblprec, const int* nzones,
                              const int* ncellsz, int64_t ncellsz1, const float* q, int64_t q1, int64_t q2);
-void zelm_writenextzelmrstrtvar(const int* ivar, const char* filename, const int* filetype, const int* dblprec,
-                                const int* nzones, const int* ncellsz, int64_t ncellsz1, const float* q,
-                                int64_t q1, int64_t q2);
+void zelm_writenextzelmrstrtvar(const int* ivar, const char* filename, const int* filetype,
+                                const int* dblprec, const int* nzones, const int* ncellsz, int64_t ncellsz1,
+                                const float* q, int64_t q1, int64_t q2);
 
 /* ---- pix files ----------------------------------------------------------------------------- */
 
@@ -94,12 +95,12 @@ void zelm_writenextzelmpixvar(const int* ivar, const char* filename, const int* 
 
 /* ---- Tecplot export (ifcell is updated in place) ------------------------------------------- */
 
-void zelm_writetecplotfile(const char* filename, const int* ndim, const int* nzones, const double* x, int64_t x1,
-                           int64_t x2, const int* nptsz, int64_t nptsz1, const int* nfacesz, int64_t nfacesz1,
-                           const int* ncellsz, int64_t ncellsz1, const int* mnpfz, int64_t mnpfz1,
-                           const int* mfpcz, int64_t mfpcz1, const int* npf, int64_t npf1, const int* ifnode,
-                           int64_t ifnode1, int64_t ifnode2, int* ifcell, int64_t ifcell1, int64_t ifcell2,
-                           const double* qnode, int64_t qnode1, int64_t qnode2);
+void zelm_writetecplotfile(const char* filename, const int* ndim, const int* nzones, const double* x,
+                           int64_t x1, int64_t x2, const int* nptsz, int64_t nptsz1, const int* nfacesz,
+                           int64_t nfacesz1, const int* ncellsz, int64_t ncellsz1, const int* mnpfz,
+                           int64_t mnpfz1, const int* mfpcz, int64_t mfpcz1, const int* npf, int64_t npf1,
+                           const int* ifnode, int64_t ifnode1, int64_t ifnode2, int* ifcell, int64_t ifcell1,
+                           int64_t ifcell2, const double* qnode, int64_t qnode1, int64_t qnode2);
 
 /* ---- beyond the routines ------------------------------------------------------------------- */
 
